@@ -85,7 +85,8 @@ void RtspFetch::FillEsHeader(uint32_t codec, const unsigned char* data, unsigned
     bool keep = false;
     if (codec == kCodecH264) {
         keep = size > 0 && (data[0] & 0x1F) == kNalTypeSei;
-    } else if (codec == kCodecMp4v && size >= sizeof kMp4vUserData) {
+    } else if (codec == kCodecMp4v && size > sizeof kMp4vUserData) {
+        // At least one byte of the header after the six marker bytes.
         // The user-data head must begin within the first n bytes (and lie inside the frame).
         const unsigned int lastStart = std::min<unsigned int>(n, size - sizeof kMp4vUserData + 1);
         for (unsigned int i = 0; i < lastStart && !keep; ++i)
