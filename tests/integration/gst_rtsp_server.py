@@ -5,8 +5,8 @@ Mounts (all live test sources, 320x240 at 25 fps, 8 kHz or 16 kHz audio):
   /h264aac   H.264 + AAC (MPEG4-GENERIC)      /h264latm  H.264 + AAC (MP4A-LATM)
   /hevc      H.265                            /mjpeg     JPEG + PCMA
   /mpeg4     MPEG-4 Part 2 from --mpeg4-file  /pcma      PCMA only
-  /amr       H.264 + AMR narrow band          /tcponly   H.264, RTP over TCP only
-  /stopping  H.264 that stops sending after --stop-after seconds (the session stays)
+  /amr       JPEG + AMR narrow band           /tcponly   H.264, RTP over TCP only
+  /stopping  JPEG that stops sending after --stop-after seconds (the session stays)
 
 With --auth basic|digest every mount needs --user/--password (anonymous requests get 401).
 Runs until killed; the test harness bounds it in time and stops it by its pid.
@@ -38,12 +38,12 @@ MOUNTS = {
     "/mjpeg": "( " + VIDEO + "jpegenc quality=60 ! rtpjpegpay name=pay0 pt=26 "
               + PCMA_SRC + "rtppcmapay name=pay1 pt=8 )",
     "/pcma": "( " + PCMA_SRC + "rtppcmapay name=pay0 pt=8 )",
-    "/amr": f"( {H264} audiotestsrc is-live=true ! audio/x-raw,rate=8000,channels=1 ! "
+    "/amr": "( " + VIDEO + "jpegenc quality=60 ! rtpjpegpay name=pay0 pt=26 "
+            "audiotestsrc is-live=true ! audio/x-raw,rate=8000,channels=1 ! "
             "amrnbenc ! rtpamrpay name=pay1 pt=97 )",
     "/tcponly": f"( {H264} )",
-    "/stopping": "( " + VIDEO + "x264enc tune=zerolatency speed-preset=ultrafast "
-                 "key-int-max=25 bitrate=500 ! identity name=gate ! "
-                 "rtph264pay name=pay0 pt=96 config-interval=1 )",
+    "/stopping": "( " + VIDEO + "jpegenc quality=60 ! identity name=gate ! "
+                 "rtpjpegpay name=pay0 pt=26 )",
 }
 
 
