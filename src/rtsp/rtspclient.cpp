@@ -1,5 +1,6 @@
 #include "rtsp/rtspclient.h"
 
+#include <cstring>
 #include <mutex>
 
 #include "core/log.h"
@@ -176,16 +177,28 @@ void MetaDataRTSPClient::LogClientPorts(MediaSubsession* subsession) {
                subsession->clientPortNum() + 1);
 }
 
+namespace {
+// Server texts often end in a line break of their own; the log line has one already.
+int TrimmedLength(const char* text) {
+    size_t n = strlen(text);
+    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r'))
+        --n;
+    return static_cast<int>(n);
+}
+}  // namespace
+
 void MetaDataRTSPClient::Debug(RTSPClient* client, const char* message, const char* detail) {
     if (!client || !message || !detail)
         return;
-    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "URL[%s]: %s[%s].\n", client->url(), message, detail);
+    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "URL[%s]: %s[%.*s].\n", client->url(), message,
+           TrimmedLength(detail), detail);
 }
 
 void MetaDataRTSPClient::Debug(RTSPClient* client, MediaSubsession* subsession, const char* message,
                                const char* detail) {
     if (!client || !subsession || !message || !detail)
         return;
-    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "URL[%s], Subsession[%s/%s]: %s[%s].\n", client->url(),
-           subsession->mediumName(), subsession->codecName(), message, detail);
+    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "URL[%s], Subsession[%s/%s]: %s[%.*s].\n", client->url(),
+           subsession->mediumName(), subsession->codecName(), message, TrimmedLength(detail),
+           detail);
 }

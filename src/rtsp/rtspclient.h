@@ -11,6 +11,17 @@
 
 class RtspReceiver;
 
+// A MediaSession that leaves the environment clean when its SDP does not parse: live555's
+// own createNew deletes such a session without taking it out of the environment's media
+// table, after which the environment can never be reclaimed.
+class ParsedMediaSession : public MediaSession {
+public:
+    static MediaSession* CreateNew(UsageEnvironment& env, const char* sdp);
+
+protected:
+    explicit ParsedMediaSession(UsageEnvironment& env) : MediaSession(env) {}
+};
+
 // What one client knows of its session. Owns the iterator and the session.
 class StreamClientState {
 public:

@@ -25,8 +25,8 @@ RtspReceiver::RtspReceiver()
       m_watch(kWatchRunning) {}
 
 RtspReceiver::~RtspReceiver() {
-    if (m_pEnv)
-        m_pEnv->reclaim();
+    if (m_pEnv && !m_pEnv->reclaim())
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING, "Rtsp env still holds media, not reclaimed.\n");
     delete m_pScheduler;
     std::lock_guard<std::mutex> lock(m_clientsMutex);
     m_clients.clear();

@@ -25,6 +25,15 @@ inline const char* TextOrEmpty(const ResultText& text) {
 }
 }  // namespace
 
+MediaSession* ParsedMediaSession::CreateNew(UsageEnvironment& env, const char* sdp) {
+    auto* session = new ParsedMediaSession(env);
+    if (!session->initializeWithSDP(sdp)) {
+        Medium::close(session);
+        return nullptr;
+    }
+    return session;
+}
+
 void MetaDataRTSPClient::ContinueAfterDESCRIBE(RTSPClient* rtspClient, int resultCode,
                                                char* resultString) {
     MetaDataRTSPClient* client = Client(rtspClient);
@@ -41,7 +50,7 @@ void MetaDataRTSPClient::ContinueAfterDESCRIBE(RTSPClient* rtspClient, int resul
     CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_DEBUG, "URL[%s]: Got a SDP description[%s].\n", client->url(),
            sdp);
     StreamClientState& state = client->m_state;
-    state.session = MediaSession::createNew(env, sdp);
+    state.session = ParsedMediaSession::CreateNew(env, sdp);
     if (!state.session) {
         Debug(client, "Failed to create a MediaSession object from the SDP description",
               env.getResultMsg());

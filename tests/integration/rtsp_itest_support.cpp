@@ -154,6 +154,17 @@ std::vector<Json::Value> ScriptedServer::Events() const {
     return events;
 }
 
+bool ScriptedServer::WaitForLastEvent(const std::string& event, double seconds) const {
+    const double deadline = Now() + seconds;
+    do {
+        const auto events = Events();
+        if (!events.empty() && events.back()["event"].asString() == event)
+            return true;
+        usleep(20000);
+    } while (Now() < deadline);
+    return false;
+}
+
 std::vector<Json::Value> ScriptedServer::Requests(const std::string& method) const {
     std::vector<Json::Value> out;
     for (const Json::Value& e : Events())
@@ -310,6 +321,26 @@ double FetchFor(FetcherBase& fetcher, MediaDataHandler& handler, double seconds,
     loop.join();
     if (stopLatency)
         *stopLatency = latency;
+    return Now() - start;
+}
+
+double RecvFor(RtspReceiver& receiver, ReceiverCtrler& ctrler, double seconds) {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+    const double start = Now();
+    std::thread stopper([&] {
+        std::unique_lock<std::mutex> lock(mutex);
+        if (!cv.wait_for(lock, std::chrono::duration<double>(seconds), [&] { return done; }))
+            receiver.StopRecvLoop(true);
+    });
+    receiver.DoRecvLoop(&ctrler);
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+    }
+    cv.notify_all();
+    stopper.join();
     return Now() - start;
 }
 

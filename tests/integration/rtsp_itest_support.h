@@ -17,6 +17,8 @@
 #include "process.h"
 #include "rtsp/receiverctrler.h"
 
+class RtspReceiver;
+
 namespace rtspitest {
 
 // Short test clips, 320x240 at 25 fps. Kinds: "h264" (Annex B, with B-frames), "hevc",
@@ -58,6 +60,8 @@ public:
     bool Start(const Json::Value& scenario);
     int Port() const { return m_port; }
     std::vector<Json::Value> Events() const;
+    // Waits until the latest event the server recorded is this one ("closed", ...).
+    bool WaitForLastEvent(const std::string& event, double seconds) const;
     // The requests of one method, in order.
     std::vector<Json::Value> Requests(const std::string& method) const;
 
@@ -128,6 +132,10 @@ private:
 // stores how long it took to return after the stop (0 when it ended by itself).
 double FetchFor(FetcherBase& fetcher, MediaDataHandler& handler, double seconds,
                 double* stopLatency = nullptr);
+
+// Runs receiver.DoRecvLoop(ctrler) on this thread and stops it from another thread after
+// `seconds` unless it ended by itself first. Returns how long the loop ran.
+double RecvFor(RtspReceiver& receiver, ReceiverCtrler& ctrler, double seconds);
 
 // Whether the video packetizer turns a clip of this codec (h264, hevc, mp4v) into pictures
 // yet, and whether the AAC packetizer exists. The packetizers come from other branches;
