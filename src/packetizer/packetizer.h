@@ -136,6 +136,9 @@ struct __tag_PACK_STREAM {
     latm_mux_t latm;
     bool latmConfigured;
     MediaBlock* pendingBlock;  // copy mode's held-back block
+    uint32_t skippedBytes;     // bytes skipped while looking for sync, for the resync log
+    bool ascFromHeader;        // fmt's extra data was built from a header not yet confirmed
+    uint32_t latmWarned;       // LATM sample requests already logged (one bit each)
 
     // A record with every field zeroed or null and an empty format.
     __tag_PACK_STREAM();
