@@ -1,5 +1,6 @@
 #include "packetizer/latmconfig.h"
 
+#include <cstddef>
 #include <cstring>
 
 #include "packetizer/mpeg4audioconfig.h"
@@ -30,8 +31,17 @@ int ReadStreamConfig(latm_mux_t* mux, mpeg4_cfg_t* cfg, BIT_STREAM* s) {
 
 }  // namespace
 
+void LatmCopyStreamMuxConfiguration(latm_mux_t* dst, const latm_mux_t* src) {
+    memcpy(dst, src, offsetof(latm_mux_t, stream));
+    memcpy(dst->stream, src->stream, sizeof(src->stream[0]) * size_t(src->i_streams));
+    dst->i_other_data = src->i_other_data;
+    dst->i_crc = src->i_crc;
+}
+
 int LatmReadStreamMuxConfiguration(latm_mux_t* mux, BIT_STREAM* s) {
-    memset(mux, 0, sizeof(*mux));
+    // Stream entries are cleared as they are read: the record is large and mostly unused.
+    memset(mux, 0, offsetof(latm_mux_t, stream));
+    mux->i_other_data = 0;
     mux->i_crc = -1;
     mux->i_version = static_cast<int>(BitStreamRead1(s));
     // audioMuxVersionA 1 has no syntax defined yet.
@@ -50,6 +60,7 @@ int LatmReadStreamMuxConfiguration(latm_mux_t* mux, BIT_STREAM* s) {
                 return -1;
             const int index = mux->i_streams;
             auto& st = mux->stream[index];
+            memset(&st, 0, sizeof(st));
             mux->pi_stream[prog][lay] = index;
 
             const bool useSameConfig = (prog != 0 || lay != 0) && BitStreamRead1(s);

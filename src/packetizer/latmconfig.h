@@ -8,7 +8,9 @@
 
 // LatmGetValue(): a value of 1 to 4 bytes preceded by its 2-bit byte count less one.
 uint32_t LatmGetValue(BIT_STREAM* s);
-// StreamMuxConfig() into mux (cleared first). 0 on success; -1 for what cannot be read on:
-// the undefined audioMuxVersionA 1, a reserved frame-length type, more streams than
-// kLatmMaxStreams, or a stream configuration that cannot be walked.
+// Copies the parts of a configuration that are in use (the streams it names).
+void LatmCopyStreamMuxConfiguration(latm_mux_t* dst, const latm_mux_t* src);
+// StreamMuxConfig() into mux (cleared first; entries past i_streams are left as they were). 0 on
+// success; -1 for what cannot be read on: the undefined audioMuxVersionA 1, a reserved frame-length
+// type, more streams than kLatmMaxStreams, or a stream configuration that cannot be walked.
 int LatmReadStreamMuxConfiguration(latm_mux_t* mux, BIT_STREAM* s);

@@ -38,7 +38,30 @@ const char* KindName(int kind) {
     return kind == Mpeg4AudioPacketizer::kKindLoas ? "LOAS" : "ADTS";
 }
 
-// Copies bytes whole bytes that start at bit position bitPos of src.
+// Peeks n bytes at offset from the read position; the common case, bytes that lie in the
+// current block, without walking the chain.
+inline int Peek(BLOCK_BYTE_STREAM* bs, size_t offset, uint8_t* dst, size_t n) {
+    const MediaBlock* b = bs->p_block;
+    if (b && bs->i_block_offset + offset + n <= b->GetBufferSize()) {
+        memcpy(dst, b->GetBuffer() + bs->i_block_offset + offset, n);
+        return 0;
+    }
+    return BlockPeekOffsetBytes(bs, offset, dst, n);
+}
+
+inline uint64_t LoadBE64(const uint8_t* p) {
+    uint64_t v;
+    memcpy(&v, p, sizeof(v));
+    return __builtin_bswap64(v);
+}
+
+inline void StoreBE64(uint8_t* p, uint64_t v) {
+    v = __builtin_bswap64(v);
+    memcpy(p, &v, sizeof(v));
+}
+
+// Copies bytes whole bytes that start at bit position bitPos of src; the byte after them
+// must be readable. Unaligned payloads are the rule in LATM, so they go 8 bytes at a time.
 void CopyBits(const uint8_t* __restrict src, int bitPos, uint8_t* __restrict dst, int bytes) {
     const uint8_t* p = src + bitPos / 8;
     const int shift = bitPos % 8;
@@ -46,7 +69,10 @@ void CopyBits(const uint8_t* __restrict src, int bitPos, uint8_t* __restrict dst
         memcpy(dst, p, static_cast<size_t>(bytes));
         return;
     }
-    for (int i = 0; i < bytes; ++i)
+    int i = 0;
+    for (; i + 8 <= bytes; i += 8)
+        StoreBE64(dst + i, (LoadBE64(p + i) << shift) | (p[i + 8] >> (8 - shift)));
+    for (; i < bytes; ++i)
         dst[i] = static_cast<uint8_t>((p[i] << shift) | (p[i + 1] >> (8 - shift)));
 }
 
@@ -246,7 +272,7 @@ MediaBlock* Mpeg4AudioPacketizer::PacketizeStreamBlock(PACK_STREAM* stream, Medi
     for (;;) {
         switch (stream->syncState) {
             case kSyncSearch:
-                while (BlockPeekBytes(bs, header, 2) == 0) {
+                while (Peek(bs, 0, header, 2) == 0) {
                     if (IsAdtsSync(header)) {
                         stream->streamKind = kKindAdts;
                         stream->syncState = kSyncFound;
@@ -284,7 +310,7 @@ MediaBlock* Mpeg4AudioPacketizer::PacketizeStreamBlock(PACK_STREAM* stream, Medi
 
             case kSyncHeader: {
                 const bool adts = stream->streamKind == kKindAdts;
-                if (BlockPeekBytes(bs, header, adts ? kAdtsHeaderPeek : kLoasHeaderSize) != 0)
+                if (Peek(bs, 0, header, adts ? kAdtsHeaderPeek : kLoasHeaderSize) != 0)
                     return nullptr;
                 stream->frameSize =
                     adts ? ADTSSyncInfo(stream, header) : LOASSyncInfo(stream, header);
@@ -305,7 +331,7 @@ MediaBlock* Mpeg4AudioPacketizer::PacketizeStreamBlock(PACK_STREAM* stream, Medi
                     return nullptr;
                 }
                 const size_t whole = size_t(stream->headerSize) + size_t(stream->frameSize);
-                if (BlockPeekOffsetBytes(bs, whole, header, 2) != 0)
+                if (Peek(bs, whole, header, 2) != 0)
                     return nullptr;
                 const bool same =
                     stream->streamKind == kKindAdts ? IsAdtsSync(header) : IsLoasSync(header);
@@ -330,6 +356,15 @@ MediaBlock* Mpeg4AudioPacketizer::PacketizeStreamBlock(PACK_STREAM* stream, Medi
                 stream->syncState = kSyncSearch;
                 if (!out)
                     break;
+                if (aout_DateGet(&stream->endDate) == 0) {
+                    // The time line was reset after this frame's sync: it keeps the time
+                    // of its own block, and without one it cannot be dated.
+                    if (!stream->syncPts) {
+                        delete out;
+                        break;
+                    }
+                    aout_DateSet(&stream->endDate, stream->syncPts);
+                }
                 SetupOutput(stream, out);
                 // A block's time applies to the first frame that starts in it only.
                 if (bs->p_block && stream->syncPts == bs->p_block->GetPTS()) {
@@ -445,7 +480,7 @@ int Mpeg4AudioPacketizer::LOASParse(PACK_STREAM* stream, const uint8_t* frame, i
                        "LATM config without a sampling rate, frame dropped.\n");
                 return 0;
             }
-            stream->latm = mux;
+            LatmCopyStreamMuxConfiguration(&stream->latm, &mux);
             stream->rate = cfg.i_samplerate;
             stream->channels = cfg.i_channel;
             // Sub-frames are delivered together, so the block lasts all of them.
