@@ -4,7 +4,7 @@ ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap build test test-unit test-sanitize bench format format-check clean
+.PHONY: all bootstrap build test test-unit test-sanitize bench package package-check demo format format-check clean
 
 all: build
 
@@ -30,6 +30,22 @@ test-sanitize: bootstrap
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --output-on-failure -j $(JOBS) -L unit
+
+# The embedded sample camera, fetched through the library into ./camfetch-demo/.
+demo: build
+	$(BUILD)/tools/camfetch/camfetch demo
+
+# A .deb of the library, headers, tool and sample.
+package: build
+	cd $(BUILD) && cpack
+
+# Install into a scratch prefix and build the example host against the installed package.
+package-check: build
+	rm -rf $(BUILD)/stage $(BUILD)/example
+	cmake --install $(BUILD) --prefix $(CURDIR)/$(BUILD)/stage
+	cmake -S examples -B $(BUILD)/example -DCMAKE_PREFIX_PATH=$(CURDIR)/$(BUILD)/stage
+	cmake --build $(BUILD)/example
+	$(BUILD)/stage/bin/camfetch --help > /dev/null
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b; done
