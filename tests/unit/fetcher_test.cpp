@@ -4,7 +4,7 @@
 
 #include <deque>
 
-#include "core/clock.h"
+#include "scripted_clock.h"
 
 namespace {
 
@@ -19,13 +19,6 @@ TEST(FetcherFactory, ReleaseNullsThePointer) {
     ReleaseFetcher(none);
     EXPECT_EQ(none, nullptr);
 }
-
-// A clock the test advances by hand.
-struct ScriptedClock : camfetch::ClockSource {
-    long long now = 1000000000000LL;
-    long long WallMicros() override { return now; }
-    long long MonoMicros() override { return now; }
-};
 
 // A pull fetcher that plays a script of (result, size, seconds to advance) per part.
 class ScriptedPullFetcher : public FetcherBase {
@@ -43,7 +36,7 @@ public:
             return 4;
         Step s = m_script.front();
         m_script.pop_front();
-        m_clock.now += s.advanceUs;
+        m_clock.Advance(s.advanceUs);
         partSize = s.size;
         return s.result;
     }
@@ -67,12 +60,7 @@ private:
 
 class Bandwidth : public ::testing::Test {
 protected:
-    void SetUp() override { m_previous = camfetch::SetClockSource(&clock); }
-    void TearDown() override { camfetch::SetClockSource(m_previous); }
     ScriptedClock clock;
-
-private:
-    camfetch::ClockSource* m_previous = nullptr;
 };
 
 TEST_F(Bandwidth, OnePartPerSecondOfThousandBytes) {

@@ -28,7 +28,8 @@ constexpr int64_t kSafetyNetMicroseconds = 10 * 1000 * 1000;
 // A loopback TCP port that was free a moment ago and has no listener now.
 int closedLoopbackPort() {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (fd < 0) return -1;
+    if (fd < 0)
+        return -1;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -71,7 +72,8 @@ void onDescribeResponse(RTSPClient* client, int resultCode, char* resultString) 
     DescribeOutcome& outcome = static_cast<ProbeClient*>(client)->outcome;
     outcome.answered = true;
     outcome.resultCode = resultCode;
-    if (text) outcome.resultString = text.get();
+    if (text)
+        outcome.resultString = text.get();
     outcome.done = 1;
 }
 
@@ -95,7 +97,8 @@ TEST(Live555Smoke, DescribeToClosedLoopbackPortReportsRefusedConnection) {
     ProbeClient* client = ProbeClient::createNew(*env, url, outcome);
     ASSERT_NE(client, nullptr) << env->getResultMsg();
 
-    TaskToken safetyNet = scheduler->scheduleDelayedTask(kSafetyNetMicroseconds, onSafetyNet, &outcome);
+    TaskToken safetyNet =
+        scheduler->scheduleDelayedTask(kSafetyNetMicroseconds, onSafetyNet, &outcome);
     client->sendDescribeCommand(onDescribeResponse);
     env->taskScheduler().doEventLoop(&outcome.done);
     scheduler->unscheduleDelayedTask(safetyNet);

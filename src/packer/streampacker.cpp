@@ -1,0 +1,301 @@
+#include "packer/streampacker.h"
+
+#include <cstring>
+
+#include "core/clock.h"
+#include "core/log.h"
+#include "packetizer/mpeg4audiopacket.h"
+#include "packetizer/mpeg4videopacket.h"
+
+namespace {
+constexpr int kPackThreadStack = 0x200000;
+constexpr int kPackPeriodUs = 15000;
+// Video frames in a row without any packetized output after which the stream is given up.
+constexpr int kMaxPendingVideo = 51;
+constexpr long long kPtsMask = 0x00FFFFFFFFFFFFFFLL;
+constexpr uint32_t kFlagMarked = 2;
+const unsigned char kAnnexBStartCode[4] = {0x00, 0x00, 0x00, 0x01};
+
+inline bool IsPassThroughType(int videoType) {
+    return (videoType & ~4) == 1;
+}
+
+void DeleteBlocks(std::list<MediaBlock*>& blocks) {
+    for (MediaBlock* b : blocks)
+        delete b;
+    blocks.clear();
+}
+}  // namespace
+
+StreamPacker::StreamPacker(const FETCH_PARAM& param)
+    : m_threadId(),
+      m_pVideoPacketizer(nullptr),
+      m_pAudioPacketizer(nullptr),
+      m_pDataHandler(nullptr),
+      m_llAbsStartTime(param.llAbsStartTime),
+      m_iVideoType(param.iStreamMode),
+      m_iVdoOft(param.iVdoOft),
+      m_bHasAudio(param.bHasAudio),
+      m_uFlags(param.uFlags),
+      m_bPassThrough(IsPassThroughType(param.iStreamMode)),
+      m_bMetaMode(m_bPassThrough ? false : param.bMetaOnly),
+      m_iVideoPending(0),
+      m_iAudioPending(0),
+      m_bThreadCreated(false),
+      m_bActivated(false),
+      m_bThreadJoinable(false),
+      // Bit value 2 of the start time switches to arrival times from the start; an odd
+      // seed kept for the hosts that rely on it.
+      m_bUseTmstmp((param.llAbsStartTime & 2) != 0),
+      m_iSamePtsCount(0),
+      m_llLastPts(0) {}
+
+StreamPacker::~StreamPacker() {
+    Free();
+}
+
+void StreamPacker::InitPackers(const ESFormat& video, const ESFormat& audio) {
+    Free();
+    m_iVideoPending = 0;
+    ESFormatCopy(m_fmtVideo, video);
+    PackStreamInit(&m_videoStream);
+    ESFormatCopy(m_videoStream.fmt, video);
+    ReconfigVdoPacketizeParam();
+    if (!m_bPassThrough) {
+        m_pVideoPacketizer = new Mpeg4VideoPacketizer(m_uFlags);
+        m_pVideoPacketizer->InitPacket(&m_videoStream);
+    }
+    if (m_bHasAudio) {
+        ESFormatCopy(m_fmtAudio, audio);
+        PackStreamInit(&m_audioStream);
+        ESFormatCopy(m_audioStream.fmt, audio);
+        if (!m_bPassThrough) {
+            m_pAudioPacketizer = new Mpeg4AudioPacketizer();
+            m_pAudioPacketizer->InitPacket(&m_audioStream);
+        }
+    }
+    if (m_pDataHandler)
+        m_pDataHandler->InitHandler(video, audio);
+    StartPackThread();
+}
+
+void StreamPacker::ReconfigVdoPacketizeParam() {
+    m_iVideoType = Codec2VideoType(static_cast<int>(m_fmtVideo.i_codec));
+    if (m_iVideoType == 0)
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_NOTICE, "Unknown video codec[%s].\n",
+               GetCodec(m_fmtVideo.i_codec).c_str());
+    m_bPassThrough = IsPassThroughType(m_iVideoType);
+    if (m_bPassThrough)
+        m_bMetaMode = false;
+}
+
+int StreamPacker::Process(MediaES es, unsigned char* data, unsigned int size, timeval time,
+                          unsigned char amrHeader, bool flagged) {
+    PACK_STREAM* stream;
+    Packetizer* packetizer;
+    std::list<MediaBlock*>* waiting;
+    int* pending;
+    uint32_t codec;
+    if (es == VIDEO_ES) {
+        stream = &m_videoStream;
+        packetizer = m_pVideoPacketizer;
+        waiting = &m_lstVideo;
+        pending = &m_iVideoPending;
+        codec = m_fmtVideo.i_codec;
+    } else if (es == AUDIO_ES && m_bHasAudio) {
+        stream = &m_audioStream;
+        packetizer = m_pAudioPacketizer;
+        waiting = &m_lstAudio;
+        pending = &m_iAudioPending;
+        codec = m_fmtAudio.i_codec;
+    } else {
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_NOTICE, "Unused medium type[%d], skip it.\n",
+               static_cast<int>(es));
+        return 0;
+    }
+
+    MediaBlock* block;
+    if (codec == kCodecH264 || codec == kCodecHevc) {
+        // Fetchers hand over NAL units without start code; the packetizers cut Annex B.
+        block = new MediaBlock(static_cast<int>(size + 4), nullptr);
+        memcpy(block->GetBuffer(), kAnnexBStartCode, 4);
+        if (size)
+            memcpy(block->GetBuffer() + 4, data, size);
+    } else if (codec == kCodecSamr || codec == kCodecSawb) {
+        block = new MediaBlock(static_cast<int>(size + 1), nullptr);
+        block->GetBuffer()[0] = amrHeader;
+        if (size)
+            memcpy(block->GetBuffer() + 1, data, size);
+    } else {
+        block = new MediaBlock(static_cast<int>(size), data);
+    }
+    const long long pts = (time.tv_sec * 1000000LL + time.tv_usec) & kPtsMask;
+    block->SetPTS(pts);
+    block->SetDTS(pts);
+    block->SetTimestamp(camfetch::WallNowUs());
+    if (flagged)
+        block->SetFlags(kFlagMarked);
+
+    if (m_bPassThrough)
+        return Deliver(stream->fmt, block);
+    if (m_bMetaMode)
+        return PushMetaBlock(*waiting, block);
+    return DoPacketize(*stream, packetizer, block, *pending);
+}
+
+int StreamPacker::ProcessDemuxBlock(ESFormat& format, MediaBlock* block) {
+    int rc = Process(static_cast<MediaES>(format.i_cat), block->GetFrame(),
+                     static_cast<unsigned int>(block->GetFrameSize()),
+                     Tmstmp2Tmval(block->GetTimestamp()), 0, (block->GetFlags() & 2) != 0);
+    delete block;
+    return rc;
+}
+
+int StreamPacker::ProcessFunc(void* packer, ESFormat& format, MediaBlock* block) {
+    if (!packer) {
+        delete block;
+        return FETCH_CONN_CLOSED;
+    }
+    return static_cast<StreamPacker*>(packer)->ProcessDemuxBlock(format, block);
+}
+
+int StreamPacker::PushMetaBlock(std::list<MediaBlock*>& list, MediaBlock* block) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (block)
+        list.push_back(block);
+    return m_bThreadCreated ? 0 : 1;
+}
+
+void StreamPacker::StartPackThread() {
+    if (!m_bMetaMode)
+        return;
+    SetActivatedFlag(true);
+    bool created = CreateThread(PacketizeThreadFunc, this, kPackThreadStack, false, m_threadId);
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_bThreadCreated = created;
+    }
+    m_bThreadJoinable = created;
+    if (!created)
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_ERROR, "Failed to create packetize thread.\n");
+}
+
+void StreamPacker::StopPackThread() {
+    if (!m_bMetaMode)
+        return;
+    SetActivatedFlag(false);
+    // Joined even when the thread has already given up, so its resources are returned.
+    if (m_bThreadJoinable) {
+        pthread_join(m_threadId, nullptr);
+        m_bThreadJoinable = false;
+    }
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_bThreadCreated = false;
+}
+
+void* StreamPacker::PacketizeThreadFunc(void* packer) {
+    static_cast<StreamPacker*>(packer)->PacketizeThreadMain();
+    return nullptr;
+}
+
+void StreamPacker::PacketizeThreadMain() {
+    DelayTimer timer(kPackPeriodUs);
+    timer.BeginTiming();
+    std::list<MediaBlock*> video;
+    std::list<MediaBlock*> audio;
+    while (GetActivatedFlag()) {
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            video.splice(video.end(), m_lstVideo);
+            audio.splice(audio.end(), m_lstAudio);
+        }
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_TRACE, "Unpacketize video num[%d], audio num[%d].\n",
+               static_cast<int>(video.size()), static_cast<int>(audio.size()));
+        bool failed = false;
+        while (!failed && !video.empty()) {
+            MediaBlock* b = video.front();
+            video.pop_front();
+            failed = DoPacketize(m_videoStream, m_pVideoPacketizer, b, m_iVideoPending) != 0;
+        }
+        while (!failed && !audio.empty()) {
+            MediaBlock* b = audio.front();
+            audio.pop_front();
+            failed = DoPacketize(m_audioStream, m_pAudioPacketizer, b, m_iAudioPending) != 0;
+        }
+        if (failed)
+            break;
+        timer.Delay();
+    }
+    DeleteBlocks(video);
+    DeleteBlocks(audio);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_bThreadCreated = false;
+}
+
+int StreamPacker::DoPacketize(PACK_STREAM& stream, Packetizer* packetizer, MediaBlock* block,
+                              int& pending) {
+    if (!packetizer) {
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_ERROR, "NULL Packetizer, ES[%d].\n", stream.fmt.i_cat);
+        delete block;
+        return FETCH_CONN_CLOSED;
+    }
+    ++pending;
+    int result = 0;
+    // The packetizer owns block from the first call; later calls drain what it holds.
+    while (MediaBlock* out = packetizer->Packetize(&stream, &block)) {
+        pending = 0;
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_TRACE, "Get packetized block.\n");
+        if (result == 0)
+            result = Deliver(stream.fmt, out);
+        else
+            delete out;  // after a refused delivery the rest of this round is dropped
+    }
+    // Checked on the video counter for both streams: a video stream that has stopped
+    // producing pictures ends the whole fetch.
+    if (m_iVideoPending >= kMaxPendingVideo)
+        return FETCH_CONN_CLOSED;
+    return result;
+}
+
+int StreamPacker::Deliver(ESFormat& format, MediaBlock* block) {
+    // HandlerProcess leaves a block it could not deliver with its caller.
+    const bool undeliverable = !m_pDataHandler;
+    int rc = HandlerProcess(format, block);
+    if (undeliverable)
+        delete block;
+    return rc;
+}
+
+int StreamPacker::HandlerProcess(ESFormat& format, MediaBlock* block) {
+    if (!block || !m_pDataHandler) {
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_ERROR,
+               "pBlock[%p] m_pDataHandler[%p], FETCH_CONN_CLOSED\n", static_cast<void*>(block),
+               static_cast<void*>(m_pDataHandler));
+        return FETCH_CONN_CLOSED;
+    }
+    PatchTimestamp(format, block);
+    block->SetVdoOft(m_iVdoOft);
+    // The handler owns the block from here.
+    return m_pDataHandler->ProcessMediaBlock(format, block);
+}
+
+void StreamPacker::CleanupBlockList() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    DeleteBlocks(m_lstVideo);
+    DeleteBlocks(m_lstAudio);
+}
+
+void StreamPacker::Free() {
+    StopPackThread();
+    CleanupBlockList();
+    if (m_pVideoPacketizer) {
+        m_pVideoPacketizer->FreePacket(&m_videoStream);
+        delete m_pVideoPacketizer;
+        m_pVideoPacketizer = nullptr;
+    }
+    if (m_pAudioPacketizer) {
+        m_pAudioPacketizer->FreePacket(&m_audioStream);
+        delete m_pAudioPacketizer;
+        m_pAudioPacketizer = nullptr;
+    }
+}

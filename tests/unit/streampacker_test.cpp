@@ -1,0 +1,289 @@
+#include "packer/streampacker.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#include "host/hostthread.h"
+#include "log_capture.h"
+#include "scripted_clock.h"
+
+// Looks at the packer's waiting lists (frames queued for the packetize thread).
+struct StreamPackerInspector {
+    static std::vector<std::vector<uint8_t>> Waiting(StreamPacker& p, MediaES es) {
+        std::lock_guard<std::mutex> lock(p.m_mutex);
+        std::vector<std::vector<uint8_t>> out;
+        for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
+            out.emplace_back(b->GetBuffer(), b->GetBuffer() + b->GetBufferSize());
+        return out;
+    }
+    static std::vector<long long> WaitingPts(StreamPacker& p, MediaES es) {
+        std::lock_guard<std::mutex> lock(p.m_mutex);
+        std::vector<long long> out;
+        for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
+            out.push_back(b->GetPTS());
+        return out;
+    }
+};
+
+namespace {
+
+// Records what reaches the host: stream, bytes, times, offset and the delivering thread.
+class RecordingHandler : public MediaDataHandler {
+public:
+    struct Delivery {
+        int es;
+        uint32_t codec;
+        std::vector<uint8_t> bytes;
+        long long pts;
+        long long length;
+        int vdoOft;
+        uint32_t flags;
+        pthread_t thread;
+    };
+    int ProcessMediaBlock(ESFormat& format, MediaBlock* block) override {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_deliveries.push_back(
+            {format.i_cat, format.i_codec,
+             std::vector<uint8_t>(block->GetBuffer(), block->GetBuffer() + block->GetBufferSize()),
+             block->GetPTS(), block->GetLength(), block->GetVdoOft(), block->GetFlags(),
+             pthread_self()});
+        delete block;
+        return refuse ? 7 : 0;
+    }
+    void InitHandler(const ESFormat& video, const ESFormat& audio) override {
+        initVideoCodec = video.i_codec;
+        initAudioCodec = audio.i_codec;
+        ++initCalls;
+    }
+    std::vector<Delivery> Deliveries() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_deliveries;
+    }
+    // Waits (bounded) until n deliveries arrived.
+    bool WaitFor(size_t n) {
+        for (int i = 0; i < 500; ++i) {
+            if (Deliveries().size() >= n)
+                return true;
+            usleep(10000);
+        }
+        return false;
+    }
+    bool refuse = false;
+    uint32_t initVideoCodec = 0, initAudioCodec = 0;
+    int initCalls = 0;
+
+private:
+    std::mutex m_mutex;
+    std::vector<Delivery> m_deliveries;
+};
+
+ESFormat Format(int cat, uint32_t codec) {
+    ESFormat f;
+    f.i_cat = cat;
+    f.i_codec = codec;
+    return f;
+}
+
+FETCH_PARAM Param(int streamMode, bool hasAudio, bool meta, int vdoOft = 0) {
+    FETCH_PARAM p;
+    p.iStreamMode = streamMode;
+    p.bHasAudio = hasAudio;
+    p.bMetaOnly = meta;
+    p.iVdoOft = vdoOft;
+    return p;
+}
+
+timeval At(long long us) {
+    return Tmstmp2Tmval(us);
+}
+
+int Feed(StreamPacker& p, MediaES es, const std::string& bytes, long long us,
+         unsigned char amr = 0) {
+    std::vector<unsigned char> data(bytes.begin(), bytes.end());
+    return p.Process(es, data.data(), static_cast<unsigned>(data.size()), At(us), amr, false);
+}
+
+TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
+    ScriptedClock clock;
+    StreamPacker packer(Param(5, false, true, 12));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecMxpg), Format(AUDIO_ES, kCodecAlaw));
+    EXPECT_TRUE(packer.IsPassThrough());
+    EXPECT_FALSE(packer.IsMetaMode()) << "pass-through never queues";
+    EXPECT_EQ(packer.VideoPacketizer(), nullptr);
+    EXPECT_EQ(handler.initCalls, 1);
+    EXPECT_EQ(handler.initVideoCodec, kCodecMxpg);
+
+    EXPECT_EQ(Feed(packer, VIDEO_ES, "\xff\xd8picture", 1000000), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(std::string(d[0].bytes.begin(), d[0].bytes.end()), "\xff\xd8picture");
+    EXPECT_EQ(d[0].vdoOft, 12);
+    EXPECT_TRUE(pthread_equal(d[0].thread, pthread_self()));
+}
+
+TEST(StreamPacker, UnknownMediumAndUnwantedAudioAreSkipped) {
+    LogCapture log;
+    StreamPacker packer(Param(1, false, false));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecJpeg), ESFormat());
+    EXPECT_EQ(Feed(packer, static_cast<MediaES>(3), "x", 1), 0);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "x", 1), 0);
+    EXPECT_EQ(log.Count("Unused medium type[3], skip it."), 1);
+    EXPECT_EQ(log.Count("Unused medium type[2], skip it."), 1);
+    EXPECT_TRUE(handler.Deliveries().empty());
+}
+
+TEST(StreamPacker, PacketizesOnTheCallersThreadWithTimesPatched) {
+    ScriptedClock clock;
+    StreamPacker packer(Param(3, true, false, 4));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+    EXPECT_FALSE(packer.IsMetaMode());
+    ASSERT_NE(packer.AudioPacketizer(), nullptr);
+
+    // A-law goes through the copy packetizer, which holds one frame back.
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "aaaa", 1000000), 0);
+    EXPECT_TRUE(handler.Deliveries().empty());
+    clock.Advance(20000);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "bbbb", 1020000), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].es, AUDIO_ES);
+    EXPECT_EQ(std::string(d[0].bytes.begin(), d[0].bytes.end()), "aaaa");
+    EXPECT_EQ(d[0].length, 20000);
+    EXPECT_EQ(d[0].pts, clock.Now()) << "audio is timed by the arrival the packetizer stamped";
+    EXPECT_EQ(d[0].vdoOft, 4);
+    EXPECT_TRUE(pthread_equal(d[0].thread, pthread_self()));
+}
+
+TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
+    StreamPacker packer(Param(3, true, false));
+    RecordingHandler handler;
+    handler.refuse = true;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecUlaw));
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 1000), 0);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "b", 2000), 7);
+}
+
+TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
+    StreamPacker packer(Param(3, true, false));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    // An unknown codec: the video packetizer releases every frame and outputs nothing.
+    packer.InitPackers(Format(VIDEO_ES, FourCC("wxyz")), Format(AUDIO_ES, kCodecAlaw));
+    for (int i = 1; i <= 50; ++i)
+        ASSERT_EQ(Feed(packer, VIDEO_ES, "v", i * 1000), 0) << i;
+    EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 51000), FETCH_CONN_CLOSED);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 52000), FETCH_CONN_CLOSED)
+        << "the video counter decides for audio too";
+}
+
+TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
+    LogCapture log;
+    StreamPacker packer(Param(3, true, false));
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 1000), 0);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "b", 2000), FETCH_CONN_CLOSED);
+    EXPECT_EQ(log.Count("m_pDataHandler[(nil)], FETCH_CONN_CLOSED"), 1);
+
+    StreamPacker passThrough(Param(1, false, false));
+    passThrough.InitPackers(Format(VIDEO_ES, kCodecMjpg), ESFormat());
+    EXPECT_EQ(Feed(passThrough, VIDEO_ES, "jpeg", 1000), FETCH_CONN_CLOSED);
+}
+
+TEST(StreamPacker, MissingPacketizerIsReported) {
+    LogCapture log;
+    StreamPacker packer(Param(3, true, false));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    // Never initialised: no packetizers exist.
+    EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 1000), FETCH_CONN_CLOSED);
+    EXPECT_EQ(log.Count("NULL Packetizer, ES[0]."), 1);
+}
+
+TEST(StreamPacker, FramesAreWrappedByCodec) {
+    camfetch_host::ThreadFailNextCreates(3);
+    StreamPacker packer(Param(3, true, true));
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecSamr));
+    std::string nal(10, '\x41');
+    EXPECT_EQ(Feed(packer, VIDEO_ES, nal, 1000), 1) << "no packetize thread";
+    std::string amr(31, '\x22');
+    EXPECT_EQ(Feed(packer, AUDIO_ES, amr, (1LL << 40) * 1000000 + 5, 0x3C), 1);
+    auto video = StreamPackerInspector::Waiting(packer, VIDEO_ES);
+    ASSERT_EQ(video.size(), 1u);
+    EXPECT_EQ(video[0].size(), 14u);
+    EXPECT_EQ(0, memcmp(video[0].data(), "\x00\x00\x00\x01\x41", 5));
+    auto audio = StreamPackerInspector::Waiting(packer, AUDIO_ES);
+    ASSERT_EQ(audio.size(), 1u);
+    EXPECT_EQ(audio[0].size(), 32u);
+    EXPECT_EQ(audio[0][0], 0x3C);
+    EXPECT_EQ(StreamPackerInspector::WaitingPts(packer, AUDIO_ES)[0],
+              ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
+    camfetch_host::ThreadFailNextCreates(0);
+}
+
+TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
+    LogCapture log;
+    camfetch_host::ThreadFailNextCreates(1);
+    StreamPacker packer(Param(3, true, true));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+    EXPECT_EQ(log.Count("Failed to create packetize thread."), 1);
+    EXPECT_FALSE(packer.IsThreadCreated());
+    for (int i = 0; i < 100; ++i)
+        EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 1000 + i), 1);
+    EXPECT_EQ(StreamPackerInspector::Waiting(packer, AUDIO_ES).size(), 100u);
+    packer.Free();
+    EXPECT_EQ(StreamPackerInspector::Waiting(packer, AUDIO_ES).size(), 0u);
+}
+
+TEST(StreamPacker, MetaModeDeliversInOrderOnThePacketizeThread) {
+    StreamPacker packer(Param(3, true, true));
+    RecordingHandler handler;
+    packer.SetDataHandler(&handler);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+    ASSERT_TRUE(packer.IsMetaMode());
+    ASSERT_TRUE(packer.IsThreadCreated());
+    for (int i = 0; i < 20; ++i)
+        ASSERT_EQ(
+            Feed(packer, AUDIO_ES, std::string(1, static_cast<char>('a' + i)), 1000 * (i + 1)), 0);
+    ASSERT_TRUE(handler.WaitFor(19)) << "the last frame stays held by the copy packetizer";
+    auto d = handler.Deliveries();
+    for (size_t i = 0; i < d.size(); ++i) {
+        EXPECT_EQ(d[i].bytes[0], 'a' + i);
+        EXPECT_FALSE(pthread_equal(d[i].thread, pthread_self()));
+    }
+}
+
+TEST(StreamPacker, MetaModeStopsPromptlyWithFramesInFlight) {
+    for (int round = 0; round < 5; ++round) {
+        StreamPacker packer(Param(3, true, true));
+        RecordingHandler handler;
+        packer.SetDataHandler(&handler);
+        packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+        for (int i = 0; i < 200; ++i) {
+            Feed(packer, AUDIO_ES, "abcdefgh", 1000 * (i + 1));
+            Feed(packer, VIDEO_ES, "vvvvvvvv", 1000 * (i + 1));
+        }
+        if (round % 2)
+            packer.Free();  // else the destructor frees: no leak either way
+        // InitPackers again on a new session restarts cleanly.
+        if (round == 4) {
+            packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
+            EXPECT_TRUE(packer.IsThreadCreated());
+        }
+    }
+}
+
+}  // namespace
