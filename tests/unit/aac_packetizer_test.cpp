@@ -215,14 +215,6 @@ TEST(AudioPacketizerAdts, HeadersWithAndWithoutCrcAcrossRatesAndLayouts) {
     }
 }
 
-TEST(AudioPacketizerAdts, ExtraDataGivenIsKept) {
-    Driver d(kCodecMp4a);
-    d.stream.fmt.SetExtra("\x12\x10", 2);  // set after InitPacket: stream mode with a config
-    d.Feed(Join(Payloads(3)), kT0);
-    EXPECT_EQ(d.out.size(), 2u);
-    EXPECT_EQ(d.Extra(), "\x12\x10");
-}
-
 TEST(AudioPacketizerAdts, BlockTimesApplyToTheFirstFrameStartingInThem) {
     Driver d;
     const auto p = Payloads(4);

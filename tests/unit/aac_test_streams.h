@@ -118,7 +118,7 @@ struct Latm {
     int objectType = 2;
     int otherDataGroups = 0;  // 9-bit escaped groups of otherDataLenBits
     bool crc = false;
-    int ascFillBits = 0;         // version 1: bits after the config inside ascLen
+    int ascFillBits = 0;         // version 1: ascLen less the config's 16 bits
     bool payloadAligned = true;  // pad the config with other-data groups until aligned
     int lengthOverride = -1;     // audioMuxLengthBytes as written, -1 = the true length
     int truncateTo = -1;         // keep only this many element bytes, -1 = all
