@@ -173,17 +173,22 @@ BENCHMARK_CAPTURE(BM_FFmpeg, LOAS_whole, true, kWhole)->Unit(benchmark::kMillise
 BENCHMARK_CAPTURE(BM_Camfetch, LOAS_4KiB, true, kChunk)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_FFmpeg, LOAS_4KiB, true, kChunk)->Unit(benchmark::kMillisecond);
 
-// The console report, then ours / FFmpeg in frames per second for each input and feeding.
+// The console report, then ours / FFmpeg in frames per second (of CPU time) for each input
+// and feeding.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
+        // With repetitions the median stands for the benchmark.
         for (const Run& run : runs) {
-            if (run.error_occurred || run.run_type != Run::RT_Iteration)
+            if (run.error_occurred)
+                continue;
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type != Run::RT_Iteration && !median)
                 continue;
             auto it = run.counters.find("frames/s");
             if (it != run.counters.end())
-                m_rates[run.benchmark_name()] = it->second.value;
+                m_rates[run.run_name.str()] = it->second.value;
         }
     }
     void PrintRatios() const {
