@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(
-  cmake g++ make pkg-config git clang-format
+  cmake g++ make pkg-config git clang-format clang libclang-rt-14-dev
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   python3 ffmpeg libavcodec-dev libavformat-dev libavutil-dev
