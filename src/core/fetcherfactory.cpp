@@ -1,8 +1,10 @@
 #include "core/fetcher.h"
+#include "mobile/mobilefetch.h"
 
 FetcherBase* FetcherFactory(int type, const FETCH_PARAM& param) {
-    (void)param;
     switch (type) {
+        case 6:
+            return new MobileFetch(param);
         default:
             return nullptr;
     }

@@ -18,7 +18,7 @@ const char kUsage[] =
     "URL: rtsp://[user[:password]@]host[:port][/path]   RTSP\n"
     "     http://[user[:password]@]host[:port][/path]   HTTP multipart (--kind mp4: "
     "fragmented MP4)\n"
-    "     mobile://ID[/NAME]                             mobile push receiver ID\n"
+    "     mobile://ID                                    mobile push receiver ID\n"
     "\n"
     "options:\n"
     "  --kind rtsp|multipart|mp4|mobile   --mode N (stream mode; multipart 1, mp4 3)\n"
