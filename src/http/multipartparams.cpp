@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "http/multipartfetch.h"
 #include "http/multipartpriv.h"
@@ -49,19 +50,15 @@ int MultipartFetch::ReadExtraData(ESFormat& format, char* value) {
         return -1;
     }
     // Read into a buffer of our own first: a host may copy the format out meanwhile.
-    uint8_t* fresh = nullptr;
+    std::unique_ptr<uint8_t, decltype(&free)> fresh(nullptr, &free);
     if (size > 0) {
-        fresh = static_cast<uint8_t*>(malloc(static_cast<size_t>(size)));
-        if (!fresh)
+        fresh.reset(static_cast<uint8_t*>(malloc(static_cast<size_t>(size))));
+        if (!fresh || ReadBytes(fresh.get(), static_cast<unsigned int>(size)) != size)
             return -1;
-        if (ReadBytes(fresh, static_cast<unsigned int>(size)) != size) {
-            free(fresh);
-            return -1;
-        }
     }
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     free(format.p_extra);
-    format.p_extra = fresh;
+    format.p_extra = fresh.release();
     format.i_extra = static_cast<int32_t>(size > 0 ? size : 0);
     return 0;
 }
