@@ -21,6 +21,7 @@ request gets a multipart stream shaped by its query string:
   method=POST    requires a POST whose body is <start/> (405 / 400 otherwise)
   version=1.0    requires an HTTP/1.0 request (505 otherwise)
   status=NNN     answers NNN with a short body instead of a stream
+  redirect=1     answers 302 to the same request without this parameter
   audio=1        an audio/basic part (A-law) after every video part
   extra=1        in-band Vdo-ExtraSize/Ado-ExtraSize/Codec headers on the first part, a
                  Timestamp header on every part, an X-Frame line after the length
@@ -266,6 +267,10 @@ class Handler(socketserver.BaseRequestHandler):
             if q.get("version") == "1.0" and version != "HTTP/1.0":
                 self.reply(505, "HTTP Version Not Supported", close=True)
                 return
+            if q.get("redirect") == "1":
+                target = target.replace("redirect=1", "redirect=0")
+                self.reply(302, "Found", ["Location: " + target], b"moved")
+                continue
             if "status" in q:
                 self.reply(int(q["status"]), "Status", body=b"status page", close=True)
                 return

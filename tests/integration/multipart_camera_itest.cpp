@@ -368,6 +368,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Access{"BasicWrongPassword", "auth=basic", "admin", "guess", MF_ERR_AUTH},
                       Access{"DigestWrongPassword", "auth=digest", "admin", "guess", MF_ERR_AUTH},
                       Access{"NoCredentials", "auth=digest", "", "", MF_ERR_AUTH},
+                      Access{"DigestAfterRedirect", "redirect=1&auth=digest", "admin", "secret", 0},
                       Access{"Forbidden", "status=403", "", "", MF_ERR_AUTH},
                       Access{"NotFound", "status=404", "", "", MF_ERR_READ},
                       Access{"ServerError", "status=500", "", "", MF_ERR_READ},
