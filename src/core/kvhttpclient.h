@@ -81,7 +81,8 @@ public:
     // trip or redirect) and sets httpStatus (0 when none arrived). 0 for 2xx, otherwise one of
     // KV_HTTP_ERR_STATUS, KV_HTTP_ERR_AUTH, KV_HTTP_ERR_TRANSPORT; -1 before SendRequest.
     int CheckResponse(int& httpStatus);
-    // 0 when the response's content type names a multipart type with a boundary. Otherwise,
+    // 0 when the response's content type names a multipart type with a boundary (its media type
+    // then given in lower case, as cameras write it in any case). Otherwise,
     // when sniffing is enabled, looks at the start of the body: a header block repeated there
     // that names a multipart type is taken (and consumed), or a first line "--token" stands for
     // "multipart/x-mixed-replace; boundary=token" (nothing consumed). 0 when that worked, else -1.

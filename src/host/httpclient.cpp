@@ -1,5 +1,6 @@
 // KVNet::KVHttpClient on top of one libcurl transfer: the request operations and the blocking
 // pull-style reads the fetchers use.
+#include <cctype>
 #include <cstring>
 
 #include "core/kvhttpclient.h"
@@ -96,8 +97,15 @@ int KVHttpClient::CheckContentType() {
         return -1;
     auto& response = m_pImpl->Response();
     const std::string* type = response.Field("content-type");
-    if (type && camfetch_host::IsMultipartWithBoundary(*type))
+    if (type && camfetch_host::IsMultipartWithBoundary(*type)) {
+        // Media types are case-insensitive; readers match them in lower case. The boundary
+        // parameter keeps its case.
+        std::string normal = *type;
+        for (size_t i = 0; i < normal.size() && normal[i] != ';'; ++i)
+            normal[i] = static_cast<char>(tolower(static_cast<unsigned char>(normal[i])));
+        response.SetField("content-type", normal);
         return 0;
+    }
     // Only the options decide whether the body may be looked at.
     if (!m_pImpl->SniffAllowed())
         return -1;

@@ -130,6 +130,10 @@ INSTANTIATE_TEST_SUITE_P(
         Shape{"HyphensInsideBoundary", "boundary=my-cam-bound&len=0", 1},
         Shape{"MultipartMixed", "ctype=multipart%2Fmixed%3Bboundary%3Dmyboundary&len=0", 1},
         Shape{"MultipartBlankMixed", "ctype=multipart%2F%20mixed%3B%20boundary%3Dmyboundary", 1},
+        Shape{"UpperCaseType",
+              "ctype=Multipart%2FX-Mixed-Replace%3B%20boundary%3DmyBoundary&boundary=myBoundary&"
+              "len=0",
+              1},
         Shape{"ChunkedLengths", "chunked=1", 1}, Shape{"ChunkedNoLengths", "chunked=1&len=0", 1},
         Shape{"Http10CloseDelimited", "http10=1&len=0", 1},
         Shape{"PreambleBeforeFirstBoundary", "preamble=1", 1},
