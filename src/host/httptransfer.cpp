@@ -342,9 +342,10 @@ bool KVHttpClientImpl::WaitForHead() {
 
 bool KVHttpClientImpl::WaitForBody(size_t want, Mark mark) {
     size_t scanned = 0;  // bytes already searched for the mark
+    bool found = false;  // the pump asks more than once; a mark found stays found
     return Pump([&] {
         const size_t size = m_body.Size();
-        if (size >= want)
+        if (found || size >= want)
             return true;
         if (mark == Mark::kNone || size == scanned)
             return false;
@@ -353,11 +354,10 @@ bool KVHttpClientImpl::WaitForBody(size_t want, Mark mark) {
         scanned = size;
         for (const char* p = data + from;
              (p = static_cast<const char*>(memchr(p, '\n', data + size - p))) != nullptr; ++p) {
-            if (mark == Mark::kLineEnd)
-                return true;
-            // "\n\n" or "\n\r\n" ends a header block.
-            if ((p + 1 < data + size && p[1] == '\n') ||
-                (p + 2 < data + size && p[1] == '\r' && p[2] == '\n'))
+            // For a header block, "\n\n" or "\n\r\n" ends it.
+            found = mark == Mark::kLineEnd || (p + 1 < data + size && p[1] == '\n') ||
+                    (p + 2 < data + size && p[1] == '\r' && p[2] == '\n');
+            if (found)
                 return true;
         }
         return false;
