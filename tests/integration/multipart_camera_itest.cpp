@@ -20,6 +20,9 @@
 
 namespace {
 
+// The client's log line when a wait for data ran out.
+constexpr const char* kTimedOut = "no data within the time-out";
+
 using camera::Fetch;
 using camera::Part;
 using camera::Pull;
@@ -111,12 +114,14 @@ class StreamShapes : public CameraStream, public ::testing::WithParamInterface<S
 // failure (the next call would reconnect).
 TEST_P(StreamShapes, DeliversEveryPartExactly) {
     const Shape& shape = GetParam();
+    LogCapture log;
     Options o;
     o.mode = shape.mode;
     auto f = Make(shape.query, o);
     std::vector<Part> parts;
     EXPECT_EQ(Pull(*f, 10, parts), MF_ERR_READ);
     ExpectVideoParts(parts, 4);
+    EXPECT_EQ(log.Count(kTimedOut), 0);  // a healthy stream never waits out the time-out
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -322,8 +327,9 @@ TEST_F(CameraStream, StalledCameraTimesOutInsteadOfHanging) {
 // The host may watch the connection's descriptor and shut it from another thread: a read
 // blocked on a silent camera then returns at once instead of after the time-out.
 TEST_F(CameraStream, SocketShutFromAnotherThreadEndsABlockedRead) {
+    LogCapture log;
     Options o;
-    o.timeout = 60;
+    o.timeout = 3600;  // beyond the test's own limit: only the shutdown can end the wait
     auto f = Make("stall=2", o);
     std::vector<Part> parts;
     ASSERT_EQ(Pull(*f, 1, parts), 0);
@@ -336,6 +342,7 @@ TEST_F(CameraStream, SocketShutFromAnotherThreadEndsABlockedRead) {
     EXPECT_EQ(Pull(*f, 10, parts), MF_ERR_READ);
     host.join();
     EXPECT_EQ(f->GetSocketFd(), -1);
+    EXPECT_EQ(log.Count(kTimedOut), 0);
 }
 
 struct Access {
@@ -442,6 +449,7 @@ TEST_F(CameraStream, TestConnectIsLazyAndSetReconnectReconnects) {
 // camera writes the stream in two pieces, cut at every byte offset of its first parts, and
 // then once more one byte per write.
 TEST_F(CameraStream, DelimitersSplitAcrossReadsAtEveryOffset) {
+    LogCapture log;
     const std::vector<size_t> sizes = {40, 1, 60};
     const char* shapes[] = {"len=1", "len=0&chunked=1", "len=0&lf=1", "lenfirst=1&lf=1&chunked=1"};
     for (const char* shape : shapes) {
@@ -460,6 +468,7 @@ TEST_F(CameraStream, DelimitersSplitAcrossReadsAtEveryOffset) {
         EXPECT_EQ(Pull(*f, 10, parts), MF_ERR_READ) << shape << " bytewise";
         ExpectVideoParts(parts, 3, sizes);
     }
+    EXPECT_EQ(log.Count(kTimedOut), 0);
 }
 
 // A camera with a self-signed certificate: refused while the certificate is checked, served
