@@ -1,6 +1,7 @@
 #include <new>
 
 #include "core/fetcher.h"
+#include "http/mpegfilefetch.h"
 #include "http/multipartfetch.h"
 #include "mobile/mobilefetch.h"
 
@@ -11,6 +12,10 @@ constexpr uint32_t kFlagNoMultipartClientFlag = 4;
 
 FetcherBase* FetcherFactory(int type, const FETCH_PARAM& param) {
     switch (type) {
+        case 2:
+            return new (std::nothrow)
+                MpegFileFetch(param.strHost, param.iPort, param.strPath, param.strUser,
+                              param.strPassword, param.iTimeout, param.iStreamMode);
         case 3:
         case 4:
             // The strings are borrowed for the constructor, which copies them.
