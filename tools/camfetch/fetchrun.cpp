@@ -47,12 +47,14 @@ int DefaultPort(const Options& o) {
     return MakeFetchParam(o).iPort;
 }
 
-// A cause for a camera that answered TCP but gave no media.
+// Why a camera gave no media, looked into only after the fact: some cameras (and ffmpeg's
+// -listen) serve a single client, which a probe made beforehand would use up.
 std::string WhyNothing(const Options& o, const std::string& fallback) {
+    Reachability r = CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec);
+    if (!r.reachable)
+        return r.cause;
     std::string status = ProbeStatus(o, DefaultPort(o));
-    if (o.url.user.empty() || status != "401 Unauthorized")
-        return status.empty() ? fallback : status;
-    return status;  // credentials were given and still refused
+    return status.empty() ? fallback : status;
 }
 
 FetcherPtr MakeFetcher(const Options& o) {
@@ -133,13 +135,16 @@ int RunPull(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
         } else if (rc == 0) {
             continue;  // an empty part: the fetcher reconnects on the next call
         }
-        // A failed part: the fetcher reconnects on the next call, unless the camera is gone.
+        // A failed part: the fetcher reconnects on the next call; give up when that keeps
+        // failing for the time-out, or once the camera no longer accepts connections.
         if (failingSince == 0)
             failingSince = NowSec();
-        if (!CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec).reachable ||
-            NowSec() - failingSince > o.timeoutSec)
+        if (NowSec() - failingSince > o.timeoutSec)
             break;
         usleep(200000);
+        if (NowSec() - failingSince > 1 &&
+            !CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec).reachable)
+            break;
     }
     status.Finish();
     fetcher.GetVideoFormat(video);
@@ -153,11 +158,6 @@ int RunPull(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
 }  // namespace
 
 int RunFetch(const Options& o) {
-    if (o.kind != Kind::kMobile) {
-        Reachability r = CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec);
-        if (!r.reachable)
-            return Fail(o, r.cause);
-    }
     FetcherPtr fetcher = MakeFetcher(o);
     if (!fetcher)
         return Fail(o, std::string("this build has no ") + KindName(o.kind) + " fetcher");
@@ -178,16 +178,6 @@ int RunFetch(const Options& o) {
 }
 
 int RunProbe(const Options& o) {
-    if (o.kind != Kind::kMobile) {
-        Reachability r = CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec);
-        if (!r.reachable) {
-            Json::Value out;
-            out["connect"] = -1;
-            out["error"] = r.cause;
-            printf("%s\n", Json::FastWriter().write(out).c_str());
-            return Fail(o, r.cause);
-        }
-    }
     FetcherPtr fetcher = MakeFetcher(o);
     if (!fetcher)
         return Fail(o, std::string("this build has no ") + KindName(o.kind) + " fetcher");
@@ -206,10 +196,13 @@ int RunProbe(const Options& o) {
     out["audio"]["channels"] = audio.audio.i_channels;
     out["audio"]["extra_size"] = audio.i_extra;
     out["bandwidth"] = connect == 0 ? fetcher->GetBandwidth() : 0;
+    std::string cause = connect == 0 ? std::string() : WhyNothing(o, "connection failed");
+    if (!cause.empty())
+        out["error"] = cause;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     printf("%s\n", Json::writeString(builder, out).c_str());
-    return connect == 0 ? 0 : 1;
+    return connect == 0 ? 0 : Fail(o, cause);
 }
 
 }  // namespace camfetch_tool
