@@ -25,7 +25,7 @@ void CopyFrom(BLOCK_BYTE_STREAM* s, size_t skip, uint8_t* dst, size_t n, bool ad
     while (n > 0 && block) {
         size_t avail = block->GetBufferSize() - offset;
         size_t take = avail < n ? avail : n;
-        if (dst) {
+        if (dst && take > 0) {  // an empty block has no buffer to copy from
             memcpy(dst, block->GetBuffer() + offset, take);
             dst += take;
         }

@@ -110,7 +110,14 @@ MediaBlock* Mpeg4VideoPacketizer::Packetize(PACK_STREAM* s, MediaBlock** ppBlock
     }
 
     BLOCK_BYTE_STREAM* bs = &s->bytestream;
+    const MediaBlock* position = bs->p_block;
     BlockByteStreamPush(bs, in);
+    if (position && bs->p_block != position) {
+        // The queue hit its length limit and dropped the blocks under the read position: the
+        // unit being collected lost its head. Search the next start code from where the
+        // queue now begins, or the search offset would point past the data for good.
+        SplitterReset(s);
+    }
     const BlockStartCodeFinder find =
         s->findStartCode ? s->findStartCode
                          : (s->startCodeSize == 4 ? FindStartCode4 : FindStartCode3);
