@@ -58,6 +58,15 @@ TEST(Mpeg4VideoPacketizer, NothingLeavesWithoutAStartingTime) {
         h.Push(VopAt(vol, 0, 0) + VopAt(vol, 1, c.secondIncrement) + kVosEnd, 0);
         EXPECT_EQ(h.out.size(), c.pictures);
         EXPECT_EQ(log.Count("need a starting pts/dts"), 2 - static_cast<int>(c.pictures));
+        // Written whatever the log configuration, under the packetizer's one source name.
+        for (const auto& r : log.Records()) {
+            if (r.text != "need a starting pts/dts")
+                continue;
+            EXPECT_EQ(r.file, "mpeg4videopacket");
+            EXPECT_EQ(r.function, "PacketizeValidate");
+            EXPECT_EQ(r.categ, "-");
+            EXPECT_EQ(r.level, "-");
+        }
     }
 }
 
