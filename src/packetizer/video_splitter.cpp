@@ -10,6 +10,10 @@
 
 namespace {
 
+// No unit of a real stream comes near this; a larger one could not be kept in a picture
+// anyway, so it is skipped instead of being copied.
+constexpr size_t kMaxUnitBytes = 32 << 20;
+
 // Bytes queued from the read position to the end of the chain.
 size_t Remaining(const BLOCK_BYTE_STREAM* bs) {
     if (!bs->p_block)
@@ -153,6 +157,13 @@ MediaBlock* Mpeg4VideoPacketizer::Packetize(PACK_STREAM* s, MediaBlock** ppBlock
                 return nullptr;
         }
 
+        if (unitSize > kMaxUnitBytes) {
+            CF_LOG(LOG_CATEG_PACKETIZER, LOG_LEVEL_WARNING, "Unit of %zu bytes skipped.\n",
+                   unitSize);
+            BlockSkipBytes(bs, unitSize);
+            SplitterReset(s);
+            continue;
+        }
         const bool nextShort = m_type == VIDEO_PACKET_H264 && SplitAtShortStartCode(s, &unitSize);
         MediaBlock* source = nullptr;
         MediaBlock* unit = CutUnit(s, unitSize, &source);

@@ -248,6 +248,16 @@ TEST(VideoBadInput, PicturesThatNeverEndAreDropped) {
     }
 }
 
+TEST(VideoBadInput, AbsurdlyLargeUnitsAreSkipped) {
+    LogCapture log;
+    VideoHarness h(kCodecH264);
+    h.Nal(nal::Sps(nal::H264Sps{}));
+    h.Push(nal::kStart4 + std::string(33 << 20, '\x41') + nal::kStart4 + nal::Pps(nal::H264Pps{}) +
+           nal::kStart4 + nal::Aud());
+    EXPECT_EQ(log.Count("bytes skipped"), 1);
+    EXPECT_TRUE(h.stream.hasPps) << "what follows is read";
+}
+
 TEST(VideoBadInput, BytesWithoutStartCodesStayBounded) {
     LogCapture log;
     VideoHarness h(kCodecHevc);
