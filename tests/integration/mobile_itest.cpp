@@ -353,7 +353,9 @@ TEST_F(MobileFetchPush, NothingBeforeTheDescriptionThenDecodablePicturesAndAudio
                         "decoding half of this test runs once both are in";
 
     // Pictures: from the first key picture pushed after the set was complete, each one
-    // decodes to the very frame that was pushed; at most the last stays in the packetizer.
+    // decodes to the very frame that was pushed. At most the last two stay in the packetizer:
+    // the last slice is cut only at the next start code, and its picture only ends when the
+    // next picture begins.
     std::vector<Pushed> pictures;
     size_t firstKey = SIZE_MAX;
     for (size_t i = 0; i < sent.size(); ++i) {
@@ -381,12 +383,14 @@ TEST_F(MobileFetchPush, NothingBeforeTheDescriptionThenDecodablePicturesAndAudio
     const std::vector<std::string> decoded = FrameMd5s(m_dir.File("delivered.h264"), &errors);
     EXPECT_EQ(errors, "") << "the delivered pictures decode cleanly";
     ASSERT_EQ(source.size(), pictures.size());
-    ASSERT_GE(decoded.size() + 1, source.size() - firstKey);
+    ASSERT_GE(decoded.size() + 2, source.size() - firstKey);
     ASSERT_LE(decoded.size(), source.size() - firstKey);
     for (size_t i = 0; i < decoded.size(); ++i)
         EXPECT_EQ(decoded[i], source[firstKey + i]) << "picture " << firstKey + i;
-    // The pushed 40 ms steps survive into the delivered time line.
-    for (size_t i = 1; i < videoPts.size(); ++i)
+    // The pushed 40 ms steps survive into the delivered time line. The first picture keeps
+    // the time of the first slice the packetizer saw, even one dropped before the set was
+    // complete, so the steps are checked from the second picture on.
+    for (size_t i = 2; i < videoPts.size(); ++i)
         EXPECT_EQ(videoPts[i] - videoPts[i - 1], 40000) << "picture " << i;
 
     // Audio: the frame that completed the set and every later one, as raw AAC frames equal
