@@ -13,6 +13,7 @@
 #include <random>
 #include <sstream>
 
+#include "packer/streampacker.h"
 #include "packetizer/mpeg4videopacket.h"
 #include "process.h"
 #include "video_feed.h"
@@ -278,6 +279,44 @@ Output Feed(const StreamSpec& spec, const std::string& data, Shape shape,
     return run;
 }
 
+// The RTSP shape through the library's own entry: StreamPacker::Process on the caller's
+// thread, delivering to a handler as a host's would.
+Output FeedThroughPacker(const StreamSpec& spec, const std::string& data,
+                         const std::vector<int64_t>& ptsUs) {
+    struct Collect : MediaDataHandler {
+        Output* run;
+        int ProcessMediaBlock(ESFormat& format, MediaBlock* block) override {
+            run->blocks.emplace_back(block);
+            ESFormatCopy(run->fmt, format);
+            return 0;
+        }
+    };
+    Output run;
+    Collect handler;
+    handler.run = &run;
+    FETCH_PARAM param;
+    param.iStreamMode = Codec2VideoType(static_cast<int>(spec.codec));
+    StreamPacker packer(param);
+    packer.SetDataHandler(&handler);
+    ESFormat video, audio;
+    video.Reset(VIDEO_ES, spec.codec);
+    packer.InitPackers(video, audio);
+    auto frames = spec.codec == kCodecMp4v ? testsupport::SplitMpeg4Frames(data)
+                                           : testsupport::SplitAnnexB(data);
+    int64_t t = kStartUs;
+    for (size_t i = 0; i < frames.size(); ++i) {
+        if (spec.codec == kCodecMp4v && i < ptsUs.size())
+            t = kStartUs + ptsUs[i];
+        std::string& f = frames[i];
+        EXPECT_EQ(packer.Process(VIDEO_ES, reinterpret_cast<unsigned char*>(&f[0]),
+                                 static_cast<unsigned>(f.size()), Tmstmp2Tmval(t), 0, false),
+                  0);
+        t += kFrameUs;
+    }
+    packer.Free();
+    return run;
+}
+
 // NAL unit types (H.264) at the start codes of a block, in order.
 std::vector<int> H264NalTypes(const MediaBlock* b) {
     std::vector<int> types;
@@ -438,6 +477,17 @@ TEST_P(VideoPacketizerEncoders, OneUnitPerFrameAsAnRtspReceiverDeliversThem) {
         }
         EXPECT_LE(pictures[i]->GetDTS(), pictures[i]->GetPTS()) << "picture " << i;
     }
+}
+
+TEST_P(VideoPacketizerEncoders, TheStreamPackerDeliversWhatThePacketizerCuts) {
+    Output direct = Feed(GetParam(), m_data, Shape::kRtsp, m_probe.ptsUs);
+    Output packed = FeedThroughPacker(GetParam(), m_data, m_probe.ptsUs);
+    ASSERT_EQ(packed.blocks.size(), direct.blocks.size());
+    EXPECT_TRUE(packed.Bytes() == direct.Bytes());
+    for (size_t i = 0; i < packed.blocks.size(); ++i)
+        EXPECT_EQ(packed.blocks[i]->GetFlags(), direct.blocks[i]->GetFlags()) << i;
+    EXPECT_EQ(packed.fmt.video.i_width, direct.fmt.video.i_width);
+    EXPECT_EQ(packed.fmt.video.i_height, direct.fmt.video.i_height);
 }
 
 TEST_P(VideoPacketizerEncoders, ChunksGiveTheSameBytesAsTheWholeFile) {
