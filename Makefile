@@ -4,7 +4,10 @@ ASAN_BUILD ?= build-asan
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all bootstrap build test test-unit test-sanitize bench format format-check clean
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+
+.PHONY: fuzz all bootstrap build test test-unit test-sanitize bench package package-check demo format format-check clean
 
 all: build
 
@@ -31,6 +34,29 @@ test-sanitize: bootstrap
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --output-on-failure -j $(JOBS) -L 'unit|sanitize'
+
+# The embedded sample camera, fetched through the library into ./camfetch-demo/.
+demo: build
+	$(BUILD)/tools/camfetch/camfetch demo
+
+# A .deb of the library, headers, tool and sample.
+package: build
+	cd $(BUILD) && cpack
+
+# Install into a scratch prefix and build the example host against the installed package.
+package-check: build
+	rm -rf $(BUILD)/stage $(BUILD)/example
+	cmake --install $(BUILD) --prefix $(CURDIR)/$(BUILD)/stage
+	cmake -S examples -B $(BUILD)/example -DCMAKE_PREFIX_PATH=$(CURDIR)/$(BUILD)/stage
+	cmake --build $(BUILD)/example
+	$(BUILD)/stage/bin/camfetch --help > /dev/null
+
+# Every libFuzzer target for FUZZ_SECONDS on a scratch copy of its seed corpus. A crash
+# fails the target; its input is left in $(FUZZ_BUILD)/findings/ to become a regression case.
+fuzz: bootstrap
+	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCAMFETCH_FUZZ=ON $(CMAKE_FLAGS)
+	cmake --build $(FUZZ_BUILD) -j $(JOBS)
+	bash scripts/run_fuzzers.sh $(FUZZ_BUILD) $(FUZZ_SECONDS)
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do echo "== $$b"; $$b; done

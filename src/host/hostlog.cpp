@@ -130,6 +130,21 @@ void LogClear() {
     g_pDbgLogCfg = nullptr;
 }
 
+bool HostLogWanted(int categ, int level) {
+    const DBG_LOG_CFG* cfg = g_pDbgLogCfg;
+    if (!cfg)
+        return true;
+    if (categ >= 0 && categ < LOG_CATEG_MAX && cfg->aiCategLevel[categ] >= level)
+        return true;
+    if (g_DbgLogPid == 0)
+        g_DbgLogPid = static_cast<int>(getpid());
+    const int capacity = static_cast<int>(sizeof(cfg->aPid) / sizeof(cfg->aPid[0]));
+    for (int i = 0; i < cfg->iPidCount && i < capacity; ++i)
+        if (cfg->aPid[i].iPid == g_DbgLogPid)
+            return cfg->aPid[i].iLevel >= level;
+    return false;
+}
+
 void LogSetSink(std::function<void(const LogRecord&)> sink, bool quiet) {
     std::lock_guard<std::mutex> lock(g_writeMutex);
     g_sink = std::move(sink);

@@ -16,6 +16,9 @@ void LogSetLevel(int categ, int level);
 void LogSetPidLevel(int pid, int level);
 // Removes the configuration: every message is written.
 void LogClear();
+// Whether the configuration wants a message of this level in this category; the host's own
+// messages (the HTTP client's) are filtered with it, by the same rule the library applies.
+bool HostLogWanted(int categ, int level);
 
 // One written message, as a sink sees it (text without its final line end).
 struct LogRecord {

@@ -77,6 +77,9 @@ struct __tag_PACK_STREAM {
     int32_t firstPpsSize;
     int32_t firstVpsSize;
     BlockStartCodeFinder findStartCode;
+    // H.264: the unit at the read position begins with a 3-byte start code (encoders write
+    // them behind parameter sets and SEI); it is cut with a zero byte put in front.
+    bool shortStartCode;
 
     // MPEG-4 Part 2.
     int64_t pts;
@@ -94,6 +97,8 @@ struct __tag_PACK_STREAM {
     // H.264 (frame and frameTail are shared with HEVC and MPEG-4 Part 2).
     MediaBlock* frame;  // owned chain: the units of the access unit being collected
     MediaBlock** frameTail;
+    int32_t frameUnits;  // units and bytes in frame: a picture that never ends is dropped
+    int64_t frameBytes;
     bool slicePending;
     bool headerSent;
     bool hasSps;
@@ -136,6 +141,9 @@ struct __tag_PACK_STREAM {
     latm_mux_t latm;
     bool latmConfigured;
     MediaBlock* pendingBlock;  // copy mode's held-back block
+    uint32_t skippedBytes;     // bytes skipped while looking for sync, for the resync log
+    bool ascFromHeader;        // fmt's extra data was built from a header not yet confirmed
+    uint32_t latmWarned;       // LATM sample requests already logged (one bit each)
 
     // A record with every field zeroed or null and an empty format.
     __tag_PACK_STREAM();
