@@ -79,7 +79,8 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
     }
     const std::string url = BuildUrl(m_param.Host, m_param.Port, m_param.Path);
     m_pCtrler = ctrler;
-    m_bStopRequested = false;
+    // A stop that arrived before this call is kept: the host may ask to stop a loop whose
+    // thread has not reached this point yet. It is consumed when the loop returns.
     int transport = m_param.Protocol;
     for (;;) {
         m_watch = kWatchRunning;
@@ -126,6 +127,7 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         if (transport == RTSP_PROTOCOL_HTTP)
             break;
     }
+    m_bStopRequested = false;
 }
 
 void RtspReceiver::StopRecvLoop(bool stopAll) {

@@ -28,7 +28,8 @@ public:
     // mode it tries UDP, TCP and HTTP tunnelling in turn until one delivers video.
     void DoRecvLoop(ReceiverCtrler* ctrler);
     // From any thread: ends the running session through the clients' event triggers.
-    // stopAll false lets auto mode go on with the next transport.
+    // stopAll false lets auto mode go on with the next transport. A stopAll that comes
+    // before DoRecvLoop has started makes it return at its first attempt.
     void StopRecvLoop(bool stopAll);
     // Keeps the transport of the running attempt for good.
     void FixCurProtocol() { m_bFixProtocol = true; }
