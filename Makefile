@@ -27,12 +27,13 @@ test: build
 test-unit: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) -L unit
 
-# Unit tests under AddressSanitizer + UndefinedBehaviorSanitizer.
+# Unit tests, and the integration tests labelled "sanitize", under AddressSanitizer +
+# UndefinedBehaviorSanitizer.
 test-sanitize: bootstrap
 	cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DCAMFETCH_SANITIZE=ON -DCAMFETCH_BUILD_BENCH=OFF $(CMAKE_FLAGS)
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-		ctest --output-on-failure -j $(JOBS) -L unit
+		ctest --output-on-failure -j $(JOBS) -L 'unit|sanitize'
 
 # The embedded sample camera, fetched through the library into ./camfetch-demo/.
 demo: build

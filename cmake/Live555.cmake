@@ -124,6 +124,10 @@ set_target_properties(camfetch::live555 PROPERTIES
 
 add_library(live555_glibc_preload SHARED "${CAMFETCH_GLIBC_COMPAT_SOURCE}")
 set_target_properties(live555_glibc_preload PROPERTIES CXX_VISIBILITY_PRESET default)
+# Preloaded into live555MediaServer, which is not built with the sanitizers: so neither is
+# this (an instrumented preload would not load there).
+set_property(TARGET live555_glibc_preload PROPERTY COMPILE_OPTIONS "")
+set_property(TARGET live555_glibc_preload PROPERTY LINK_OPTIONS "")
 
 set(CAMFETCH_NEED_GLIBC_COMPAT OFF)
 if(LIVE555_FETCHED)

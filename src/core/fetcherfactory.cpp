@@ -4,6 +4,7 @@
 #include "http/mpegfilefetch.h"
 #include "http/multipartfetch.h"
 #include "mobile/mobilefetch.h"
+#include "rtsp/rtspfetch.h"
 
 namespace {
 // uFlags bit that keeps the multipart fetcher from setting its client flag.
@@ -12,6 +13,8 @@ constexpr uint32_t kFlagNoMultipartClientFlag = 4;
 
 FetcherBase* FetcherFactory(int type, const FETCH_PARAM& param) {
     switch (type) {
+        case 1:
+            return new (std::nothrow) RtspFetch(param);
         case 2:
             return new (std::nothrow)
                 MpegFileFetch(param.strHost, param.iPort, param.strPath, param.strUser,

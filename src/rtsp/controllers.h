@@ -1,0 +1,53 @@
+// The two probing controllers: TestConnectCtrler learns whether a stream delivers frames
+// at all, BandwidthCtrler how many bytes per second it delivers. Each lives for one probe
+// and is driven on the probing receiver's loop thread; the prober reads the outcome after
+// DoRecvLoop returned.
+#pragma once
+
+#include <ctime>
+#include <memory>
+
+#include "rtsp/receiverctrler.h"
+
+class TestConnectCtrler : public ReceiverCtrler {
+public:
+    explicit TestConnectCtrler(bool acceptAudio) : m_bAcceptAudio(acceptAudio) {}
+
+    unsigned char* GetSubsessionRecvBuf(MediaSubsession* subsession, unsigned int& size) override;
+    void RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession, unsigned char* data,
+                      unsigned int size, timeval pts) override;
+    int GetPollingTmSec() override { return 15; }
+    void PollingTask(RtspReceiver* receiver) override;
+
+    bool GotFrame() const { return m_bGotFrame; }
+
+private:
+    bool m_bGotFrame = false;
+    bool m_bAcceptAudio;
+};
+
+class BandwidthCtrler : public ReceiverCtrler {
+public:
+    static constexpr unsigned int kRecvBufSize = 0x400000;
+
+    BandwidthCtrler();
+
+    unsigned char* GetSubsessionRecvBuf(MediaSubsession* subsession, unsigned int& size) override;
+    void RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession, unsigned char* data,
+                      unsigned int size, timeval pts) override;
+    int GetPollingTmSec() override { return 5; }
+    void PollingTask(RtspReceiver* receiver) override;
+
+    // Bytes per second from the first to the latest frame; 0 before a whole second.
+    int GetBandwidth() const;
+    // The frame accounting on its own, with the time of arrival given.
+    void CountFrame(RtspReceiver* receiver, unsigned int size, time_t now);
+
+private:
+    int m_iTotalBytes = 0;  // 32-bit on purpose; a very fast stream can overflow it
+    time_t m_firstFrameTime = 0;
+    time_t m_lastFrameTime;
+    int m_iElapsedSec = 0;
+    // One buffer, lent to every subsession in turn.
+    std::unique_ptr<unsigned char[]> m_recvBuf;
+};

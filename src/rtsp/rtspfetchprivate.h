@@ -1,0 +1,43 @@
+// The private record of an RtspFetch: receive buffers, stream formats and the two side
+// channels, with the mutex that guards formats, ext data and ES header between the loop
+// thread and the host's threads.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <mutex>
+
+#include "core/esformat.h"
+
+struct FreeDeleter {
+    void operator()(void* p) const { free(p); }
+};
+using MallocBytes = std::unique_ptr<unsigned char, FreeDeleter>;
+
+struct RtspFetchPrivate {
+    static constexpr uint32_t kExtDataCapacity = 0x10000;
+    static constexpr uint32_t kVideoBufSize = 0x400000;
+    static constexpr uint32_t kAudioBufSize = 0x20000;
+    static constexpr uint32_t kEsHeaderSize = 128;
+
+    explicit RtspFetchPrivate(bool hasAudio);
+
+    uint32_t uExtDataLen = 0;  // only 16 bits are ever written
+    uint32_t uExtDataCapacity = kExtDataCapacity;
+    MallocBytes pExtData;
+    uint32_t uVideoBufSize = kVideoBufSize;
+    MallocBytes pVideoBuf;
+    ESFormat fmtVideo;
+    uint32_t uAudioBufSize = 0;
+    MallocBytes pAudioBuf;  // null when no audio is wanted
+    ESFormat fmtAudio;
+    uint32_t uEsHeaderLen = 0;
+    unsigned char esHeader[kEsHeaderSize] = {};
+    std::atomic<bool> bKeepEsHeader{false};
+    time_t lastRecvTime = 0;  // latest frame that proves the connection (loop thread)
+    bool bHasAudio;
+    std::mutex mutex;
+};
