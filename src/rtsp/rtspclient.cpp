@@ -5,6 +5,7 @@
 
 #include "core/log.h"
 #include "rtsp/rtspreceiver.h"
+#include "rtsp/socketbatch.h"
 
 namespace {
 constexpr int kVerbosity = 1;
@@ -60,6 +61,8 @@ MetaDataRTSPClient::~MetaDataRTSPClient() {
     scheduler.unscheduleDelayedTask(m_keepAliveTask);
     // Sinks still reading from the session's sources must go before the session does.
     CloseSinks();
+    // Before the base closes the socket, whose number may soon belong to another socket.
+    socketbatch::Release(socketNum());
     m_receiver.EraseClient(this);
 }
 

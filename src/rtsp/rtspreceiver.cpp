@@ -11,6 +11,7 @@
 #include "core/log.h"
 #include "rtsp/logenvironment.h"
 #include "rtsp/rtspclient.h"
+#include "rtsp/socketbatch.h"
 
 namespace {
 // The loop is woken through the wake-up descriptor whenever a trigger is fired, so it needs
@@ -53,6 +54,7 @@ int RtspReceiver::Init(const RTSP_RECV_PARAM& param) {
         if (m_pScheduler && m_wakeFd >= 0)
             m_pScheduler->turnOnBackgroundReadHandling(m_wakeFd, DrainWake, this);
     }
+    socketbatch::Install();
     if (param.Host.empty() || param.Port < 0 || !m_pEnv) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR,
                "Incorrect parameters, [Host: %s] [Port: %d] [Env: %d].\n", param.Host.c_str(),

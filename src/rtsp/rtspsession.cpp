@@ -8,6 +8,7 @@
 #include "rtsp/metadatasink.h"
 #include "rtsp/rtspclient.h"
 #include "rtsp/rtspreceiver.h"
+#include "rtsp/socketbatch.h"
 
 namespace {
 constexpr double kDurationSlackSec = 2.0;
@@ -156,6 +157,9 @@ void MetaDataRTSPClient::ContinueAfterPLAY(RTSPClient* rtspClient, int resultCod
         ShutdownStream(client);
         return;
     }
+    // Interleaved RTP comes through the RTSP connection from now on: read it in batches.
+    if (client->m_receiver.CurrentProtocol() != RTSP_PROTOCOL_UDP)
+        socketbatch::Batch(client->socketNum());
     client->ScheduleKeepAliveTask();
     client->SchedulePollingTask();
     StreamClientState& state = client->m_state;
