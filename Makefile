@@ -7,7 +7,7 @@ CMAKE_FLAGS ?=
 FUZZ_BUILD ?= build-fuzz
 FUZZ_SECONDS ?= 60
 
-.PHONY: fuzz all bootstrap build test test-unit test-sanitize bench package package-check demo format format-check clean
+.PHONY: soak fuzz all bootstrap build test test-unit test-sanitize bench package package-check demo format format-check clean
 
 all: build
 
@@ -34,6 +34,11 @@ test-sanitize: bootstrap
 	cmake --build $(ASAN_BUILD) -j $(JOBS)
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		ctest --output-on-failure -j $(JOBS) -L 'unit|sanitize'
+
+# The reconnect soak in its long form (the short form runs with every `make test`).
+SOAK_SECONDS ?= 600
+soak: build
+	CAMFETCH_SOAK_SECONDS=$(SOAK_SECONDS) $(BUILD)/tests/camfetch_soak
 
 # The embedded sample camera, fetched through the library into ./camfetch-demo/.
 demo: build

@@ -37,12 +37,14 @@ MpegFileFetch::MpegFileFetch(const std::string& host, int port, const std::strin
 }
 
 MpegFileFetch::~MpegFileFetch() {
-    if (m_pPriv) CF_LOG_RAW("Close the connection.\n");
+    if (m_pPriv)
+        CF_LOG_RAW("Close the connection.\n");
     ReleasePriv();
 }
 
 void MpegFileFetch::ReleasePriv() {
-    if (!m_pPriv) return;
+    if (!m_pPriv)
+        return;
     ReleaseHttpClient();
     delete[] m_pPriv->pFrameBuf;
     delete m_pPriv;  // the format frees its extra data
@@ -77,14 +79,15 @@ void MpegFileFetch::Init(const std::string& host, int port, const std::string& p
 int MpegFileFetch::InitialHttpClient() {
     ReleaseHttpClient();
     MpegFilePriv& p = *m_pPriv;
-    p.pHttpClient = new KVNet::KVHttpClient(p.strHost, p.iPort, p.strPath, p.strUser,
-                                            p.strPassword, m_iClientArg, false, true, true, true,
+    p.pHttpClient = new KVNet::KVHttpClient(p.strHost, p.iPort, p.strPath, p.strUser, p.strPassword,
+                                            m_iClientArg, false, true, true, true,
                                             KVNet::HTTP_VER_DEF, "", true);
     return p.pHttpClient ? 0 : 1;
 }
 
 void MpegFileFetch::ReleaseHttpClient() {
-    if (!m_pPriv) return;
+    if (!m_pPriv)
+        return;
     delete m_pPriv->pHttpClient;
     m_pPriv->pHttpClient = nullptr;
     m_pPriv->bConnected = false;
@@ -92,23 +95,31 @@ void MpegFileFetch::ReleaseHttpClient() {
 
 int MpegFileFetch::VerifyHttpStatus() {
     KVNet::KVHttpClient* client = m_pPriv->pHttpClient;
-    if (!client) return 1;
+    if (!client)
+        return 1;
     if (client->SendRequest(KVNet::HTTP_METHOD_GET, "?", "application/xml; charset=UTF-8") != 0)
         return 4;
     int status = 0;
     switch (client->CheckResponse(status)) {
-        case 0: return 0;
-        case 3: return 4;
-        case 4: return 6;
-        case 5: return 5;
-        default: return 1;
+        case 0:
+            return 0;
+        case 3:
+            return 4;
+        case 4:
+            return 6;
+        case 5:
+            return 5;
+        default:
+            return 1;
     }
 }
 
 int MpegFileFetch::Connector() {
-    if (m_pPriv->bConnected) return 0;
+    if (m_pPriv->bConnected)
+        return 0;
     int rc = InitialHttpClient();
-    if (rc != 0) return rc;
+    if (rc != 0)
+        return rc;
     rc = VerifyHttpStatus();
     if (rc == 0) {
         m_pPriv->bConnected = true;
@@ -130,7 +141,8 @@ uint32_t MpegFileFetch::ReadBoxHeader(uint8_t* buf, uint32_t& size) {
 
 void MpegFileFetch::ResizeBuf(uint8_t*& buffer, int& capacity, long long need, int max) {
     const int wanted = static_cast<int>(need < max ? need : max);
-    if (capacity >= wanted) return;
+    if (capacity >= wanted)
+        return;
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     delete[] buffer;
     buffer = new uint8_t[wanted];
@@ -138,14 +150,17 @@ void MpegFileFetch::ResizeBuf(uint8_t*& buffer, int& capacity, long long need, i
 }
 
 bool MpegFileFetch::ResizeExtra(ESFormat& format, int size) {
-    if (format.i_extra == size && (size < 1 || format.p_extra)) return true;
+    if (format.i_extra == size && (size < 1 || format.p_extra))
+        return true;
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     free(format.p_extra);
     format.p_extra = nullptr;
     format.i_extra = 0;
-    if (size < 1) return true;
+    if (size < 1)
+        return true;
     format.p_extra = static_cast<uint8_t*>(malloc(size));
-    if (!format.p_extra) return false;
+    if (!format.p_extra)
+        return false;
     format.i_extra = size;
     return true;
 }
@@ -157,9 +172,11 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
     for (int pos = count - 4; pos >= 1; --pos) {
         const uint8_t* type = payload + pos;
         const bool esds = memcmp(type, "esds", 4) == 0;
-        if (!esds && memcmp(type, "avcC", 4) != 0) continue;
+        if (!esds && memcmp(type, "avcC", 4) != 0)
+            continue;
         const int box = pos - 4;
-        if (box < 0) return true;
+        if (box < 0)
+            return true;
         const uint8_t* b = payload + box;
         const int room = count - box;
         ESFormat& fmt = m_pPriv->videoFormat;
@@ -169,8 +186,10 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
                 return true;
             }
             const int n = b[33];
-            if (!ResizeExtra(fmt, n)) return false;
-            if (n) memcpy(fmt.p_extra, b + 34, n);
+            if (!ResizeExtra(fmt, n))
+                return false;
+            if (n)
+                memcpy(fmt.p_extra, b + 34, n);
             return true;
         }
         if (room < 16 || 16 + b[15] + 3 > room) {
@@ -183,7 +202,8 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
             MP4_LOG(LOG_LEVEL_WARNING, "Truncated avcC box ignored\n");
             return true;
         }
-        if (!ResizeExtra(fmt, spsLen + ppsLen + 8)) return false;
+        if (!ResizeExtra(fmt, spsLen + ppsLen + 8))
+            return false;
         uint8_t* out = fmt.p_extra;
         memcpy(out, kStartCode, 4);
         memcpy(out + 4, b + 16, spsLen);
@@ -216,7 +236,8 @@ unsigned int MpegFileFetch::FindNextFrame() {
         const int want = static_cast<int>(payload < p.iFrameBufCap ? payload : p.iFrameBufCap);
         const int count =
             want > 0 ? p.pHttpClient->ReadData(reinterpret_cast<char*>(p.pFrameBuf), want) : 0;
-        if (count < 0) return 0;
+        if (count < 0)
+            return 0;
         const unsigned int got = static_cast<unsigned int>(count);
         if (type == kBoxMoof) {
             MP4_LOG(LOG_LEVEL_TRACE, "BOX_MOOF: %u.\n", got);
@@ -248,7 +269,8 @@ int MpegFileFetch::NextPartInfo(unsigned int& size, char*, unsigned int, int&) {
     }
     size = FindNextFrame();
     if (size == 0) {
-        if (m_pPriv->bConnected) CF_LOG_RAW("Find next frame failed!\n");
+        if (m_pPriv->bConnected)
+            CF_LOG_RAW("Find next frame failed!\n");
         m_pPriv->bConnected = false;
         return 0;
     }
@@ -257,7 +279,8 @@ int MpegFileFetch::NextPartInfo(unsigned int& size, char*, unsigned int, int&) {
 }
 
 int MpegFileFetch::FetchContent(unsigned char* buf, unsigned int len) {
-    if (!m_pPriv) return 3;
+    if (!m_pPriv)
+        return 3;
     if (!m_pPriv->pHttpClient) {
         CF_LOG_RAW("HttpClient is not exist!\n");
         return 4;
@@ -269,28 +292,35 @@ int MpegFileFetch::FetchContent(unsigned char* buf, unsigned int len) {
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     // Bounded by the buffer's capacity: the host asks for the size NextPartInfo reported.
     const int n = static_cast<int>(len) < m_pPriv->iFrameBufCap ? static_cast<int>(len)
-                                                                  : m_pPriv->iFrameBufCap;
-    if (n > 0) memcpy(buf, m_pPriv->pFrameBuf, n);
+                                                                : m_pPriv->iFrameBufCap;
+    if (n > 0)
+        memcpy(buf, m_pPriv->pFrameBuf, n);
     return 0;
 }
 
 int MpegFileFetch::SetReconnect() {
-    if (m_pPriv) m_pPriv->bConnected = false;
+    if (m_pPriv)
+        m_pPriv->bConnected = false;
     return 0;
 }
 
 int MpegFileFetch::GetVideoFormat(ESFormat& format) {
-    if (!m_pPriv) return 3;
+    if (!m_pPriv)
+        return 3;
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     ESFormatCopy(format, m_pPriv->videoFormat);
     return 0;
 }
 
-int MpegFileFetch::GetAudioFormat(ESFormat&) { return 0; }
+int MpegFileFetch::GetAudioFormat(ESFormat&) {
+    return 0;
+}
 
 int MpegFileFetch::TestConnect() {
-    if (!m_pPriv) return 3;
+    if (!m_pPriv)
+        return 3;
     int rc = Connector();
-    if (rc != 0) MP4_LOG(LOG_LEVEL_WARNING, "This Connection is invalid!\n\n");
+    if (rc != 0)
+        MP4_LOG(LOG_LEVEL_WARNING, "This Connection is invalid!\n\n");
     return rc;
 }

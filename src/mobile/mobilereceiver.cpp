@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@ namespace {
 
 constexpr int kPollPeriodMs = 1000;
 constexpr int kListenBacklog = 5;
+constexpr mode_t kSocketMode = 0660;  // owner and group may connect
 constexpr std::string_view kHeaderEnd = "\r\n\r\n";
 constexpr uint32_t kHeaderEndSize = 4;
 
@@ -202,6 +204,9 @@ void MobileReceiver::DoRecvLoop(TransNotice2MobileHandler* handler) {
                "Failed to bind ListenFd[%d] to SocketPath[%s]\n", listenFd.Get(), sockPath.c_str());
         return;
     }
+    // The push client runs as the host's user or in its group; nobody else may connect and
+    // inject pictures into a camera's recording.
+    chmod(sockPath.c_str(), kSocketMode);
     if (listen(listenFd.Get(), kListenBacklog) != 0) {
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "Failed to listen socket[%d].\n", listenFd.Get());
         return;

@@ -1,6 +1,8 @@
 // The camfetch tool's contract as a user meets it: exit codes and the one-line causes.
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 #include "process.h"
 
 namespace {
@@ -46,6 +48,113 @@ TEST(ToolCli, ProbeOfAClosedPortSaysWhy) {
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_NE(r.out.find("\"connect\""), std::string::npos) << r.out;
     EXPECT_NE(r.err.find("connection refused"), std::string::npos) << r.err;
+}
+
+// A stdlib camera (multipart_camera.py) for the tool's HTTP cases.
+class ToolHttp : public ::testing::Test {
+protected:
+    void SetUp() override {
+        port = testsupport::FreeLoopbackPort();
+        ASSERT_TRUE(server.Start(
+            {"python3", TEST_DATA_DIR "/multipart_camera.py", std::to_string(port), "120"}, 150));
+        ASSERT_TRUE(testsupport::WaitForTcpPort(port, 15));
+    }
+    std::string Url(const std::string& query, const std::string& credentials = "") {
+        return "http://" + credentials + "127.0.0.1:" + std::to_string(port) + "/stream?" + query;
+    }
+    testsupport::ServerProcess server;
+    testsupport::TempDir dir;
+    int port = 0;
+};
+
+TEST_F(ToolHttp, FramesLimitWritesExactlyThatManyParts) {
+    auto r =
+        Tool({"fetch", Url("endless=1&audio=1"), "--frames", "7", "-o", dir.File("out"), "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    std::string index = testsupport::ReadFile(dir.File("out/index.jsonl"));
+    size_t video = 0, audio = 0;
+    for (size_t at = 0; (at = index.find("\"es\":\"", at)) != std::string::npos; ++at)
+        (index.compare(at + 6, 5, "video") == 0 ? video : audio) += 1;
+    EXPECT_EQ(video, 7u);
+    EXPECT_GE(audio, 6u);
+    EXPECT_NE(index.find("\"codec\":\"alaw\""), std::string::npos) << index.substr(0, 400);
+    EXPECT_FALSE(testsupport::ReadFile(dir.File("out/video.mjpeg")).empty());
+    EXPECT_FALSE(testsupport::ReadFile(dir.File("out/audio.alaw")).empty());
+    EXPECT_NE(testsupport::ReadFile(dir.File("out/formats.json")).find("\"video\""),
+              std::string::npos);
+    EXPECT_NE(r.out.find("\"blocks\":7"), std::string::npos) << r.out;
+}
+
+TEST_F(ToolHttp, CausesAUserCanLookUp) {
+    struct {
+        std::string url;
+        const char* cause;
+    } cases[] = {
+        {Url("status=404"), "404 Not Found"},
+        {Url("auth=basic", "admin:wrong@"), "401 Unauthorized"},
+        {Url("auth=digest", "admin:wrong@"), "401 Unauthorized"},
+        {Url("status=200"), "not a multipart stream"},
+    };
+    for (auto& c : cases) {
+        auto r = Tool({"fetch", c.url, "-o", dir.File("out"), "--timeout", "3"});
+        EXPECT_EQ(r.exitCode, 1) << c.url << "\n" << r.err;
+        EXPECT_NE(r.err.find(c.cause), std::string::npos) << c.url << "\n" << r.err;
+        EXPECT_EQ(r.err.find("wrong"), std::string::npos) << "no password in the output";
+    }
+    auto ok = Tool({"fetch", Url("auth=digest&endless=1", "admin:secret@"), "--frames", "2", "-o",
+                    dir.File("ok")});
+    EXPECT_EQ(ok.exitCode, 0) << ok.err;
+    EXPECT_EQ(ok.err.find("secret"), std::string::npos);
+    EXPECT_EQ(ok.out.find("secret"), std::string::npos);
+}
+
+TEST(ToolRtsp, ScriptedServerAnswersNotFoundAndUnauthorized) {
+    testsupport::TempDir dir;
+    struct {
+        const char* scenario;
+        const char* url;
+        const char* cause;
+    } cases[] = {
+        {R"({"describe_status": "404 Stream Not Found"})", "", "404 Not Found"},
+        {R"({"describe_auth": "digest", "password": "right"})", "admin:wrong@", "401 Unauthorized"},
+    };
+    for (auto& c : cases) {
+        const int port = testsupport::FreeLoopbackPort();
+        testsupport::WriteFile(dir.File("scenario.json"), c.scenario);
+        testsupport::ServerProcess server;
+        ASSERT_TRUE(server.Start(
+            {"python3", TEST_DATA_DIR "/scripted_rtsp_server.py", "--port", std::to_string(port),
+             "--scenario", dir.File("scenario.json"), "--record", dir.File("record.jsonl")},
+            60));
+        ASSERT_TRUE(testsupport::WaitForTcpPort(port, 15));
+        auto r = Tool(
+            {"fetch", std::string("rtsp://") + c.url + "127.0.0.1:" + std::to_string(port) + "/cam",
+             "-o", dir.File("out"), "--timeout", "3", "--duration", "20"});
+        EXPECT_EQ(r.exitCode, 1) << c.scenario << "\n" << r.err;
+        EXPECT_NE(r.err.find(c.cause), std::string::npos) << c.scenario << "\n" << r.err;
+        EXPECT_EQ(r.err.find("wrong"), std::string::npos);
+    }
+}
+
+// The README's first command: the embedded sample camera, fetched like any camera.
+TEST(ToolDemo, FetchesTheSampleCameraIntoFilesThatDecode) {
+    testsupport::TempDir dir;
+    auto r = Tool({"demo", "-o", dir.File("demo")});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    EXPECT_NE(r.out.find("play it: ffplay"), std::string::npos);
+    auto video = RunCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v",
+                             "-show_entries", "stream=nb_read_frames,width,height", "-of",
+                             "csv=p=0", dir.File("demo/video.h264")});
+    EXPECT_EQ(video.err, "");
+    int width = 0, height = 0, frames = 0;
+    ASSERT_EQ(sscanf(video.out.c_str(), "%d,%d,%d", &width, &height, &frames), 3) << video.out;
+    EXPECT_EQ(width, 320);
+    EXPECT_EQ(height, 240);
+    EXPECT_GE(frames, 240) << "the 10 s sample holds 250 pictures";
+    auto decode = RunCommand({"ffmpeg", "-v", "error", "-i", dir.File("demo/video.h264"), "-i",
+                              dir.File("demo/audio.aac"), "-f", "null", "-"});
+    EXPECT_EQ(decode.exitCode, 0);
+    EXPECT_EQ(decode.err, "") << "video and audio decode without an error";
 }
 
 }  // namespace

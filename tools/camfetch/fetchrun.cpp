@@ -93,14 +93,27 @@ int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
 }
 
 std::string PullFailureCause(const Options& o, int code) {
-    switch (code) {
-        case 6:
-            return "401 Unauthorized";
-        case 8:
-            return "not a multipart stream";
-        default:
-            return WhyNothing(o, "connection failed (result " + std::to_string(code) + ")");
+    if (code == 6)
+        return "401 Unauthorized";
+    // The content-type check (1) or the boundary search (8) failed on a response that was
+    // otherwise fine.
+    const bool notMultipart = o.kind == Kind::kMultipart && (code == 1 || code == 8);
+    return WhyNothing(o, notMultipart ? "not a multipart stream"
+                                      : "connection failed (result " + std::to_string(code) + ")");
+}
+
+// Audio parts of a camera whose format names no codec: the part's content type tells.
+ESFormat AudioPartFormat(const ESFormat& audio, const char* type) {
+    ESFormat f(audio);
+    if (f.i_codec == 0) {
+        std::string t = type;
+        if (t.find("basic") != std::string::npos || t.find("pcma") != std::string::npos ||
+            t.find("alaw") != std::string::npos)
+            f.i_codec = kCodecAlaw;
+        else if (t.find("pcmu") != std::string::npos || t.find("mulaw") != std::string::npos)
+            f.i_codec = kCodecUlaw;
     }
+    return f;
 }
 
 int RunPull(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status) {
@@ -128,8 +141,11 @@ int RunPull(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
                 failingSince = 0;
                 fetcher.GetVideoFormat(video);
                 fetcher.GetAudioFormat(audio);
-                sink.WritePart(kind, kind == AUDIO_ES ? audio : video, buffer.data(), size,
-                               WallUs(), 0);
+                if (kind == AUDIO_ES)
+                    sink.WritePart(kind, AudioPartFormat(audio, type), buffer.data(), size,
+                                   WallUs(), 0);
+                else
+                    sink.WritePart(kind, video, buffer.data(), size, WallUs(), 0);
                 continue;
             }
         } else if (rc == 0) {
