@@ -34,8 +34,8 @@ struct StreamSpec {
     bool interlaced;
 };
 
-void PrintTo(const StreamSpec& spec, std::ostream* os) {
-    *os << spec.name;
+void PrintTo(const StreamSpec& clip, std::ostream* os) {
+    *os << clip.name;
 }
 
 const std::vector<StreamSpec>& Specs() {
@@ -223,12 +223,12 @@ constexpr int64_t kStartUs = 1000000;
 constexpr int64_t kFrameUs = 40000;
 
 // ptsUs: the presentation time of each picture, for the frames of the RTSP shape.
-Output Feed(const StreamSpec& spec, const std::string& data, Shape shape,
+Output Feed(const StreamSpec& clip, const std::string& data, Shape shape,
             const std::vector<int64_t>& ptsUs = {}) {
     Output run;
     Mpeg4VideoPacketizer packetizer(0);
     PACK_STREAM stream;
-    stream.fmt.Reset(VIDEO_ES, spec.codec);
+    stream.fmt.Reset(VIDEO_ES, clip.codec);
     EXPECT_EQ(packetizer.InitPacket(&stream), 0);
     auto sink = [&](MediaBlock* b) { run.blocks.emplace_back(b); };
     const uint8_t* d = reinterpret_cast<const uint8_t*>(data.data());
@@ -244,12 +244,12 @@ Output Feed(const StreamSpec& spec, const std::string& data, Shape shape,
     };
     switch (shape) {
         case Shape::kRtsp: {
-            auto frames = spec.codec == kCodecMp4v ? testsupport::SplitMpeg4Frames(data)
+            auto frames = clip.codec == kCodecMp4v ? testsupport::SplitMpeg4Frames(data)
                                                    : testsupport::SplitAnnexB(data);
             // NAL units get rising receive times; MPEG-4 Part 2 pictures their RTP times.
             int64_t t = kStartUs;
             for (size_t i = 0; i < frames.size(); ++i) {
-                if (spec.codec == kCodecMp4v && i < ptsUs.size())
+                if (clip.codec == kCodecMp4v && i < ptsUs.size())
                     t = kStartUs + ptsUs[i];
                 testsupport::FeedFrame(packetizer, stream,
                                        reinterpret_cast<const uint8_t*>(frames[i].data()),
@@ -281,7 +281,7 @@ Output Feed(const StreamSpec& spec, const std::string& data, Shape shape,
 
 // The RTSP shape through the library's own entry: StreamPacker::Process on the caller's
 // thread, delivering to a handler as a host's would.
-Output FeedThroughPacker(const StreamSpec& spec, const std::string& data,
+Output FeedThroughPacker(const StreamSpec& clip, const std::string& data,
                          const std::vector<int64_t>& ptsUs) {
     struct Collect : MediaDataHandler {
         Output* run;
@@ -295,17 +295,17 @@ Output FeedThroughPacker(const StreamSpec& spec, const std::string& data,
     Collect handler;
     handler.run = &run;
     FETCH_PARAM param;
-    param.iStreamMode = Codec2VideoType(static_cast<int>(spec.codec));
+    param.iStreamMode = Codec2VideoType(static_cast<int>(clip.codec));
     StreamPacker packer(param);
     packer.SetDataHandler(&handler);
     ESFormat video, audio;
-    video.Reset(VIDEO_ES, spec.codec);
+    video.Reset(VIDEO_ES, clip.codec);
     packer.InitPackers(video, audio);
-    auto frames = spec.codec == kCodecMp4v ? testsupport::SplitMpeg4Frames(data)
+    auto frames = clip.codec == kCodecMp4v ? testsupport::SplitMpeg4Frames(data)
                                            : testsupport::SplitAnnexB(data);
     int64_t t = kStartUs;
     for (size_t i = 0; i < frames.size(); ++i) {
-        if (spec.codec == kCodecMp4v && i < ptsUs.size())
+        if (clip.codec == kCodecMp4v && i < ptsUs.size())
             t = kStartUs + ptsUs[i];
         std::string& f = frames[i];
         EXPECT_EQ(packer.Process(VIDEO_ES, reinterpret_cast<unsigned char*>(&f[0]),
@@ -334,13 +334,13 @@ protected:
         s_files.clear();
     }
     // Each stream is encoded the first time a test of this process needs it.
-    static std::string Encode(const StreamSpec& spec) {
-        auto it = s_files.find(spec.name);
+    static std::string Encode(const StreamSpec& clip) {
+        auto it = s_files.find(clip.name);
         if (it != s_files.end())
             return it->second;
         if (!s_dir)
             s_dir = new testsupport::TempDir();
-        std::string path = s_dir->File(spec.name + "." + spec.ext);
+        std::string path = s_dir->File(clip.name + "." + clip.ext);
         std::vector<std::string> argv = {"ffmpeg",
                                          "-v",
                                          "error",
@@ -348,18 +348,18 @@ protected:
                                          "-f",
                                          "lavfi",
                                          "-i",
-                                         "testsrc=size=" + std::to_string(spec.width) + "x" +
-                                             std::to_string(spec.height) + ":rate=" + spec.rate,
+                                         "testsrc=size=" + std::to_string(clip.width) + "x" +
+                                             std::to_string(clip.height) + ":rate=" + clip.rate,
                                          "-t",
                                          "2"};
-        argv.insert(argv.end(), spec.encode.begin(), spec.encode.end());
-        argv.insert(argv.end(), {"-f", spec.ext, path});
+        argv.insert(argv.end(), clip.encode.begin(), clip.encode.end());
+        argv.insert(argv.end(), {"-f", clip.ext, path});
         auto r = RunCommand(argv);
         if (r.exitCode != 0) {
-            ADD_FAILURE() << spec.name << ": " << r.err;
+            ADD_FAILURE() << clip.name << ": " << r.err;
             return "";
         }
-        return s_files[spec.name] = path;
+        return s_files[clip.name] = path;
     }
     void SetUp() override {
         if (!testsupport::HaveTool("ffmpeg") || !testsupport::HaveTool("ffprobe"))
@@ -375,7 +375,7 @@ protected:
     // Everything ffprobe can tell about the output of one feeding shape.
     void CheckRun(const Output& run, Shape shape) {
         SCOPED_TRACE(ShapeName(shape));
-        const StreamSpec& spec = GetParam();
+        const StreamSpec& clip = GetParam();
         auto pictures = run.Pictures();
         // A picture leaves when the next one begins, and a unit is cut only when the next
         // start code arrives: at the end of the input the last unit waits. For MPEG-4 Part 2
@@ -383,7 +383,7 @@ protected:
         // (two pictures wait) or a unit in front of it (one picture waits).
         ASSERT_LT(pictures.size(), m_probe.keyPackets.size());
         const size_t heldBack = m_probe.keyPackets.size() - pictures.size();
-        if (spec.codec == kCodecMp4v)
+        if (clip.codec == kCodecMp4v)
             EXPECT_EQ(heldBack, 1u);
         else
             EXPECT_LE(heldBack, 2u);
@@ -394,14 +394,14 @@ protected:
         for (size_t i = 0; i < pictures.size(); ++i) {
             const bool key = (pictures[i]->GetFlags() & BLOCK_FLAG_TYPE_I) != 0;
             EXPECT_EQ(key, m_probe.keyPackets[i]) << "picture " << i;
-            if (spec.codec == kCodecH264 && key) {
+            if (clip.codec == kCodecH264 && key) {
                 auto types = H264NalTypes(pictures[i]);
                 ASSERT_GE(types.size(), 3u) << "picture " << i;
                 EXPECT_EQ(types[0], 7) << "SPS in front of I picture " << i;
                 EXPECT_EQ(types[1], 8) << "PPS in front of I picture " << i;
             }
         }
-        if (spec.codec != kCodecHevc) {
+        if (clip.codec != kCodecHevc) {
             // Picture types as the decoder sees them, less those held back.
             std::map<char, int> ours;
             for (const MediaBlock* p : pictures) {
@@ -418,14 +418,14 @@ protected:
         }
 
         EXPECT_EQ(static_cast<int>(run.fmt.video.i_width), m_probe.width);
-        if (spec.interlaced) {
+        if (clip.interlaced) {
             // A field-coded SPS gives the height of its map units, on purpose not doubled.
             const int mapUnits = (m_probe.height + 31) / 32;
             EXPECT_EQ(static_cast<int>(run.fmt.video.i_height), m_probe.height - 16 * mapUnits);
         } else {
             EXPECT_EQ(static_cast<int>(run.fmt.video.i_height), m_probe.height);
         }
-        if (spec.codec == kCodecHevc) {
+        if (clip.codec == kCodecHevc) {
             EXPECT_EQ(std::to_string(run.fmt.video.i_frame_rate) + "/" +
                           std::to_string(run.fmt.video.i_frame_rate_base),
                       m_probe.frameRate);
@@ -434,13 +434,13 @@ protected:
 
         // The concatenated output decodes cleanly, every picture of it.
         testsupport::TempDir out;
-        const std::string file = out.File(std::string("out.") + spec.ext);
+        const std::string file = out.File(std::string("out.") + clip.ext);
         ASSERT_TRUE(testsupport::WriteFile(file, run.Bytes()));
         auto decode =
-            RunCommand({"ffmpeg", "-v", "error", "-f", spec.ext, "-i", file, "-f", "null", "-"});
+            RunCommand({"ffmpeg", "-v", "error", "-f", clip.ext, "-i", file, "-f", "null", "-"});
         EXPECT_EQ(decode.exitCode, 0);
         EXPECT_EQ(decode.err, "");
-        auto count = RunCommand({"ffprobe", "-v", "error", "-f", spec.ext, "-count_frames",
+        auto count = RunCommand({"ffprobe", "-v", "error", "-f", clip.ext, "-count_frames",
                                  "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", file});
         EXPECT_EQ(std::atoi(count.out.c_str()), static_cast<int>(pictures.size()));
     }

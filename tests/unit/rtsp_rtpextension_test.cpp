@@ -49,41 +49,41 @@ Bytes MakePacket(const PacketSpec& s) {
 TEST(RtpHeaderExtension, FoundBehindHeaderAndCsrcs) {
     struct Case {
         const char* what;
-        PacketSpec spec;
+        PacketSpec packet;
         bool found;
         size_t offset;  // of the extension in the packet
         size_t size;
     };
-    auto spec = [](auto change) {
+    auto packet = [](auto change) {
         PacketSpec s;
         change(s);
         return s;
     };
     const Case cases[] = {
-        {"three words", spec([](PacketSpec& s) { s.words = 3; }), true, 12, 16},
-        {"no words", spec([](PacketSpec&) {}), true, 12, 4},
-        {"two csrcs", spec([](PacketSpec& s) { s.csrcs = 2, s.words = 1; }), true, 20, 8},
-        {"fifteen csrcs", spec([](PacketSpec& s) { s.csrcs = 15, s.words = 2; }), true, 72, 12},
-        {"no payload", spec([](PacketSpec& s) { s.words = 2, s.payload = 0; }), true, 12, 12},
-        {"one-byte form", spec([](PacketSpec& s) { s.profile = 0xBEDE, s.words = 1; }), true, 12,
+        {"three words", packet([](PacketSpec& s) { s.words = 3; }), true, 12, 16},
+        {"no words", packet([](PacketSpec&) {}), true, 12, 4},
+        {"two csrcs", packet([](PacketSpec& s) { s.csrcs = 2, s.words = 1; }), true, 20, 8},
+        {"fifteen csrcs", packet([](PacketSpec& s) { s.csrcs = 15, s.words = 2; }), true, 72, 12},
+        {"no payload", packet([](PacketSpec& s) { s.words = 2, s.payload = 0; }), true, 12, 12},
+        {"one-byte form", packet([](PacketSpec& s) { s.profile = 0xBEDE, s.words = 1; }), true, 12,
          8},
-        {"X bit clear", spec([](PacketSpec& s) { s.x = false; }), false, 0, 0},
-        {"version 1", spec([](PacketSpec& s) { s.version = 1; }), false, 0, 0},
-        {"version 0", spec([](PacketSpec& s) { s.version = 0; }), false, 0, 0},
+        {"X bit clear", packet([](PacketSpec& s) { s.x = false; }), false, 0, 0},
+        {"version 1", packet([](PacketSpec& s) { s.version = 1; }), false, 0, 0},
+        {"version 0", packet([](PacketSpec& s) { s.version = 0; }), false, 0, 0},
         {"length beyond packet",
-         spec([](PacketSpec& s) { s.words = 200, s.wordsPresent = 2, s.payload = 0; }), false, 0,
+         packet([](PacketSpec& s) { s.words = 200, s.wordsPresent = 2, s.payload = 0; }), false, 0,
          0},
         {"maximum length beyond packet",
-         spec([](PacketSpec& s) { s.words = 0xFFFF, s.wordsPresent = 1, s.payload = 0; }), false, 0,
+         packet([](PacketSpec& s) { s.words = 0xFFFF, s.wordsPresent = 1, s.payload = 0; }), false, 0,
          0},
         {"extension header cut",
-         spec([](PacketSpec& s) { s.withExtensionHeader = false, s.payload = 3; }), false, 0, 0},
+         packet([](PacketSpec& s) { s.withExtensionHeader = false, s.payload = 3; }), false, 0, 0},
         {"csrcs beyond packet",
-         spec([](PacketSpec& s) { s.csrcs = 15, s.withExtensionHeader = false, s.payload = 0; }),
+         packet([](PacketSpec& s) { s.csrcs = 15, s.withExtensionHeader = false, s.payload = 0; }),
          false, 0, 0},
     };
     for (const Case& c : cases) {
-        const Bytes packet = MakePacket(c.spec);
+        const Bytes packet = MakePacket(c.packet);
         RtpHeaderExtension ext;
         EXPECT_EQ(ParseRtpHeaderExtension(packet.data(), packet.size(), ext), c.found) << c.what;
         if (!c.found) {
@@ -92,8 +92,8 @@ TEST(RtpHeaderExtension, FoundBehindHeaderAndCsrcs) {
         }
         EXPECT_EQ(ext.data, packet.data() + c.offset) << c.what;
         EXPECT_EQ(ext.size, c.size) << c.what;
-        EXPECT_EQ(ext.profile, c.spec.profile) << c.what;
-        EXPECT_EQ(ext.words, c.spec.words) << c.what;
+        EXPECT_EQ(ext.profile, c.packet.profile) << c.what;
+        EXPECT_EQ(ext.words, c.packet.words) << c.what;
     }
 }
 

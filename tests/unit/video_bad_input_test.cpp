@@ -56,15 +56,15 @@ const std::vector<Encoded>& RealStreams() {
               "keyint=6:log-level=error"}},
             {kCodecMp4v, "m4v", {"-c:v", "mpeg4", "-bf", "2", "-g", "6"}},
         };
-        for (const auto& spec : specs) {
-            const std::string path = dir.File(std::string("in.") + spec.format);
+        for (const auto& input : specs) {
+            const std::string path = dir.File(std::string("in.") + input.format);
             std::vector<std::string> argv = {
                 "ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "testsrc=size=96x64:rate=25",
                 "-t",     "1"};
-            argv.insert(argv.end(), spec.args.begin(), spec.args.end());
-            argv.insert(argv.end(), {"-f", spec.format, path});
+            argv.insert(argv.end(), input.args.begin(), input.args.end());
+            argv.insert(argv.end(), {"-f", input.format, path});
             if (testsupport::RunCommand(argv).exitCode == 0)
-                out.push_back({spec.codec, testsupport::ReadFile(path)});
+                out.push_back({input.codec, testsupport::ReadFile(path)});
         }
         return out;
     }();
