@@ -65,6 +65,18 @@ double CpuSeconds(const std::string& pid) {
     return total;
 }
 
+// Bytes received so far on the clients' ends of every TCP connection to the server (from
+// the kernel's TCP_INFO, through ss): what the clients were able to take in.
+double ReceivedBytes(int serverPort) {
+    const auto out = testsupport::RunCommand(
+        {"ss", "-tinH", "( dport = :" + std::to_string(serverPort) + " )"}, 30);
+    double total = 0;
+    for (size_t at = out.out.find("bytes_received:"); at != std::string::npos;
+         at = out.out.find("bytes_received:", at + 1))
+        total += std::stod(out.out.substr(at + 15));
+    return total;
+}
+
 // The machine's one-minute load average: other work on it moves every figure.
 double LoadAverage() {
     std::ifstream in("/proc/loadavg");
@@ -211,6 +223,7 @@ struct Figures {
     double serverCpuShare = 0;  // cores the server used during the window
     double minPicturesPerSecond = 0;
     double meanPicturesPerSecond = 0;
+    double bytesPerSecond = 0;  // received per stream
 };
 
 // Set-up of N streams: live555's server answers one DESCRIBE at a time and reads the file's
@@ -241,10 +254,13 @@ Figures RunCamfetch(int n, const std::string& url, const std::string& serverPid)
     std::vector<uint64_t> before(n);
     for (int i = 0; i < n; ++i)
         before[i] = handlers[i]->pictures.load();
+    const int port = std::stoi(url.substr(17, url.find('/', 17) - 17));
+    const double read0 = ReceivedBytes(port);
     const double cpu0 = CpuSeconds("self"), server0 = CpuSeconds(serverPid), t0 = WallSeconds();
     usleep(static_cast<useconds_t>(kWindowSeconds * 1e6));
     const double cpu1 = CpuSeconds("self"), server1 = CpuSeconds(serverPid), t1 = WallSeconds();
     Figures f;
+    f.bytesPerSecond = (ReceivedBytes(port) - read0) / n / (t1 - t0);
     f.rssPerStream = (RssBytes("self") - idleRss) / n;
     double minRate = 1e9, sum = 0;
     for (int i = 0; i < n; ++i) {
@@ -263,7 +279,8 @@ Figures RunCamfetch(int n, const std::string& url, const std::string& serverPid)
     return f;
 }
 
-Figures RunPeers(int n, const std::vector<std::string>& argv, const std::string& serverPid) {
+Figures RunPeers(int n, const std::vector<std::string>& argv, const std::string& url,
+                 const std::string& serverPid) {
     std::vector<std::unique_ptr<Peer>> peers;
     for (int i = 0; i < n; ++i)
         peers.emplace_back(new Peer(argv));
@@ -274,10 +291,13 @@ Figures RunPeers(int n, const std::vector<std::string>& argv, const std::string&
             total += CpuSeconds(p->Pid());
         return total;
     };
+    const int port = std::stoi(url.substr(17, url.find('/', 17) - 17));
+    const double read0 = ReceivedBytes(port);
     const double cpu0 = cpu(), server0 = CpuSeconds(serverPid), t0 = WallSeconds();
     usleep(static_cast<useconds_t>(kWindowSeconds * 1e6));
     const double cpu1 = cpu(), server1 = CpuSeconds(serverPid), t1 = WallSeconds();
     Figures f;
+    f.bytesPerSecond = (ReceivedBytes(port) - read0) / n / (t1 - t0);
     for (auto& p : peers)
         f.rssPerStream += RssBytes(p->Pid());
     f.rssPerStream /= n;
@@ -306,14 +326,14 @@ void BM_RtspPull(benchmark::State& state, Client client, int n) {
                 f = RunPeers(n,
                              {"ffmpeg", "-nostdin", "-v", "error", "-rtsp_transport", "tcp", "-i",
                               server.url, "-c", "copy", "-f", "null", "-"},
-                             server.pid);
+                             server.url, server.pid);
                 break;
             case Client::kGstreamer:
                 f = RunPeers(
                     n,
                     {"gst-launch-1.0", "-q", "rtspsrc", "location=" + server.url, "protocols=tcp",
                      "!", "rtph264depay", "!", "h264parse", "!", "fakesink"},
-                    server.pid);
+                    server.url, server.pid);
                 break;
         }
         state.SetIterationTime(WallSeconds() - start);
@@ -324,6 +344,7 @@ void BM_RtspPull(benchmark::State& state, Client client, int n) {
     state.counters["rss_MiB_per_stream"] = f.rssPerStream / (1024 * 1024);
     state.counters["server_cores"] = f.serverCpuShare;
     state.counters["load1"] = LoadAverage();
+    state.counters["Mbit_per_s_per_stream"] = f.bytesPerSecond * 8 / 1e6;
     if (client == Client::kCamfetch) {
         state.counters["pictures_per_s_min"] = f.minPicturesPerSecond;
         state.counters["pictures_per_s_mean"] = f.meanPicturesPerSecond;

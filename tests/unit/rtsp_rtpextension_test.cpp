@@ -9,7 +9,7 @@ namespace {
 using Bytes = std::vector<uint8_t>;
 
 // An RTP packet: version, X bit, CSRC count, then optionally an extension and a payload.
-struct PacketSpec {
+struct PacketShape {
     int version = 2;
     bool x = true;
     int csrcs = 0;
@@ -20,7 +20,7 @@ struct PacketSpec {
     int payload = 10;
 };
 
-Bytes MakePacket(const PacketSpec& s) {
+Bytes MakePacket(const PacketShape& s) {
     Bytes p = {static_cast<uint8_t>(s.version << 6 | (s.x ? 0x10 : 0) | s.csrcs),
                0x60,
                0x12,
@@ -49,41 +49,41 @@ Bytes MakePacket(const PacketSpec& s) {
 TEST(RtpHeaderExtension, FoundBehindHeaderAndCsrcs) {
     struct Case {
         const char* what;
-        PacketSpec packet;
+        PacketShape shape;
         bool found;
         size_t offset;  // of the extension in the packet
         size_t size;
     };
-    auto packet = [](auto change) {
-        PacketSpec s;
+    auto shape = [](auto change) {
+        PacketShape s;
         change(s);
         return s;
     };
     const Case cases[] = {
-        {"three words", packet([](PacketSpec& s) { s.words = 3; }), true, 12, 16},
-        {"no words", packet([](PacketSpec&) {}), true, 12, 4},
-        {"two csrcs", packet([](PacketSpec& s) { s.csrcs = 2, s.words = 1; }), true, 20, 8},
-        {"fifteen csrcs", packet([](PacketSpec& s) { s.csrcs = 15, s.words = 2; }), true, 72, 12},
-        {"no payload", packet([](PacketSpec& s) { s.words = 2, s.payload = 0; }), true, 12, 12},
-        {"one-byte form", packet([](PacketSpec& s) { s.profile = 0xBEDE, s.words = 1; }), true, 12,
+        {"three words", shape([](PacketShape& s) { s.words = 3; }), true, 12, 16},
+        {"no words", shape([](PacketShape&) {}), true, 12, 4},
+        {"two csrcs", shape([](PacketShape& s) { s.csrcs = 2, s.words = 1; }), true, 20, 8},
+        {"fifteen csrcs", shape([](PacketShape& s) { s.csrcs = 15, s.words = 2; }), true, 72, 12},
+        {"no payload", shape([](PacketShape& s) { s.words = 2, s.payload = 0; }), true, 12, 12},
+        {"one-byte form", shape([](PacketShape& s) { s.profile = 0xBEDE, s.words = 1; }), true, 12,
          8},
-        {"X bit clear", packet([](PacketSpec& s) { s.x = false; }), false, 0, 0},
-        {"version 1", packet([](PacketSpec& s) { s.version = 1; }), false, 0, 0},
-        {"version 0", packet([](PacketSpec& s) { s.version = 0; }), false, 0, 0},
+        {"X bit clear", shape([](PacketShape& s) { s.x = false; }), false, 0, 0},
+        {"version 1", shape([](PacketShape& s) { s.version = 1; }), false, 0, 0},
+        {"version 0", shape([](PacketShape& s) { s.version = 0; }), false, 0, 0},
         {"length beyond packet",
-         packet([](PacketSpec& s) { s.words = 200, s.wordsPresent = 2, s.payload = 0; }), false, 0,
+         shape([](PacketShape& s) { s.words = 200, s.wordsPresent = 2, s.payload = 0; }), false, 0,
          0},
         {"maximum length beyond packet",
-         packet([](PacketSpec& s) { s.words = 0xFFFF, s.wordsPresent = 1, s.payload = 0; }), false,
+         shape([](PacketShape& s) { s.words = 0xFFFF, s.wordsPresent = 1, s.payload = 0; }), false,
          0, 0},
         {"extension header cut",
-         packet([](PacketSpec& s) { s.withExtensionHeader = false, s.payload = 3; }), false, 0, 0},
+         shape([](PacketShape& s) { s.withExtensionHeader = false, s.payload = 3; }), false, 0, 0},
         {"csrcs beyond packet",
-         packet([](PacketSpec& s) { s.csrcs = 15, s.withExtensionHeader = false, s.payload = 0; }),
+         shape([](PacketShape& s) { s.csrcs = 15, s.withExtensionHeader = false, s.payload = 0; }),
          false, 0, 0},
     };
     for (const Case& c : cases) {
-        const Bytes packet = MakePacket(c.packet);
+        const Bytes packet = MakePacket(c.shape);
         RtpHeaderExtension ext;
         EXPECT_EQ(ParseRtpHeaderExtension(packet.data(), packet.size(), ext), c.found) << c.what;
         if (!c.found) {
@@ -92,13 +92,13 @@ TEST(RtpHeaderExtension, FoundBehindHeaderAndCsrcs) {
         }
         EXPECT_EQ(ext.data, packet.data() + c.offset) << c.what;
         EXPECT_EQ(ext.size, c.size) << c.what;
-        EXPECT_EQ(ext.profile, c.packet.profile) << c.what;
-        EXPECT_EQ(ext.words, c.packet.words) << c.what;
+        EXPECT_EQ(ext.profile, c.shape.profile) << c.what;
+        EXPECT_EQ(ext.words, c.shape.words) << c.what;
     }
 }
 
 TEST(RtpHeaderExtension, ShortOrMissingPacketsAreNotRead) {
-    const Bytes packet = MakePacket(PacketSpec());
+    const Bytes packet = MakePacket(PacketShape());
     RtpHeaderExtension ext;
     for (size_t size = 0; size < 16; ++size)
         EXPECT_FALSE(ParseRtpHeaderExtension(packet.data(), size, ext)) << size;
