@@ -9,7 +9,7 @@ packages=(
   cmake g++ make pkg-config git clang-format clang libclang-rt-14-dev
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
-  python3 ffmpeg libavcodec-dev libavformat-dev libavutil-dev openssl
+  python3 ffmpeg libavcodec-dev libavformat-dev libavutil-dev openssl iproute2
   gstreamer1.0-tools gstreamer1.0-plugins-base gstreamer1.0-plugins-good
   gstreamer1.0-plugins-bad gstreamer1.0-plugins-ugly gstreamer1.0-libav
   python3-gi gir1.2-gstreamer-1.0 gir1.2-gst-plugins-base-1.0 gir1.2-gst-rtsp-server-1.0
