@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <atomic>
 #include <cstring>
 #include <memory>
@@ -120,6 +121,13 @@ bool Install() {
     static std::once_flag once;
     std::call_once(once, [] {
 #if defined(__x86_64__)
+        // A host that does not want live555's import slots touched turns the layer off.
+        const char* setting = getenv("CAMFETCH_SOCKET_BATCH");
+        if (setting && strcmp(setting, "0") == 0) {
+            CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO,
+                   "CAMFETCH_SOCKET_BATCH=0: live555 socket reads stay unbatched.\n");
+            return;
+        }
         const Import imports[] = {
             {"libgroupsock.so", "recvfrom", reinterpret_cast<void*>(RecvFrom), true},
             {"libBasicUsageEnvironment.so", "select", reinterpret_cast<void*>(Select), true},
