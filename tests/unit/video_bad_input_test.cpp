@@ -48,7 +48,7 @@ const std::vector<Encoded>& RealStreams() {
             uint32_t codec;
             const char* format;
             std::vector<std::string> args;
-        } specs[] = {
+        } inputs[] = {
             {kCodecH264, "h264", {"-pix_fmt", "yuv420p", "-c:v", "libx264", "-bf", "2", "-g", "6"}},
             {kCodecHevc,
              "hevc",
@@ -56,7 +56,7 @@ const std::vector<Encoded>& RealStreams() {
               "keyint=6:log-level=error"}},
             {kCodecMp4v, "m4v", {"-c:v", "mpeg4", "-bf", "2", "-g", "6"}},
         };
-        for (const auto& input : specs) {
+        for (const auto& input : inputs) {
             const std::string path = dir.File(std::string("in.") + input.format);
             std::vector<std::string> argv = {
                 "ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "testsrc=size=96x64:rate=25",
