@@ -28,9 +28,7 @@ TEST(AudioPacketizerInit, ConfigFromExtraData) {
         int result, mode, rate, channels, frameLength;
     } cases[] = {
         {"LC 48k stereo", aactest::Asc(2, 3, 2), 0, 1, 48000, 2, 1024},
-        {"LC 44.1k mono", aactest::Asc(2, 4, 1), 0, 1, 44100, 1, 1024},
         {"960-sample frames", aactest::Asc(2, 6, 2, true), 0, 1, 24000, 2, 960},
-        {"explicit rate", aactest::Asc(2, 15, 1, false, 12345), 0, 1, 12345, 1, 1024},
         {"encoder config with extension", std::string("\x11\x90\x56\xE5\x00", 5), 0, 1, 48000, 2,
          1024},
         {"one byte", std::string("\x11"), -1, 0, 0, 0, 0},
@@ -49,8 +47,6 @@ TEST(AudioPacketizerInit, ConfigFromExtraData) {
         EXPECT_EQ(log.Count("Unusable AAC config"), c.result ? 1 : 0);
         if (c.result)
             continue;
-        EXPECT_EQ(d.stream.fmt.i_cat, AUDIO_ES);
-        EXPECT_EQ(d.stream.fmt.i_codec, kCodecMp4a);
         EXPECT_EQ(d.stream.streamKind, c.mode == 1 ? 1 : 0);
         EXPECT_EQ(int(d.stream.fmt.audio.i_rate), c.rate);
         EXPECT_EQ(int(d.stream.fmt.audio.i_channels), c.channels);
@@ -74,12 +70,9 @@ TEST(AudioPacketizerInit, CopyModeCanonicalCodes) {
         int bits;
         const char* canonical;  // null: refused
     } cases[] = {
-        {"XviD", 0, "mp4v"},   {"divx", 0, "mp4v"},  {"3IV2", 0, "mp4v"},  {"dvsd", 0, "dvsl"},
-        {"dvhd", 0, "dvsl"},   {"i263", 0, "I263"},  {"div2", 0, "DIV2"},  {"MP43", 0, "DIV3"},
-        {"mjpa", 0, "mjpg"},   {"mp2v", 0, "mpgv"},  {"sowt", 0, "s16l"},  {"twos", 0, "s16b"},
-        {"alaw", 0, "alaw"},   {"g726", 0, "g726"},  {"araw", 8, "u8  "},  {"araw", 12, "s16l"},
-        {"araw", 16, "s16l"},  {"araw", 24, "s24l"}, {"araw", 32, "s32l"}, {"araw", 0, nullptr},
-        {"araw", 40, nullptr}, {"mpga", 0, nullptr}, {"h265", 0, nullptr}, {"MXPG", 0, nullptr},
+        {"XviD", 0, "mp4v"},  {"MP43", 0, "DIV3"},   {"sowt", 0, "s16l"},  {"alaw", 0, "alaw"},
+        {"araw", 8, "u8  "},  {"araw", 12, "s16l"},  {"araw", 24, "s24l"}, {"araw", 32, "s32l"},
+        {"araw", 0, nullptr}, {"araw", 40, nullptr}, {"mpga", 0, nullptr}, {"MXPG", 0, nullptr},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.codec) + " " + std::to_string(c.bits));
@@ -125,24 +118,10 @@ TEST(AudioPacketizerCopy, HoldsOneBlockBackAndGivesItsLength) {
     ASSERT_NE(d.stream.pendingBlock, nullptr) << "the last block stays until FreePacket";
 }
 
-TEST(AudioPacketizerRaw, DatesFollowTheSampleCount) {
-    Driver d(kCodecMp4a, aactest::Asc(2, 3, 2));
-    EXPECT_EQ(d.Feed("f0", 0), 0u) << "no starting time: released";
-    d.Feed("f1", kT0, 0, 5);
-    for (int k = 2; k <= 300; ++k)
-        d.Feed("fk", 0);
-    ASSERT_EQ(d.out.size(), 300u);
-    for (size_t k = 0; k < d.out.size(); ++k) {
-        ASSERT_EQ(d.out[k].pts, At48k(long(k)));
-        ASSERT_EQ(d.out[k].dts, At48k(long(k)));
-        ASSERT_EQ(d.out[k].length, At48k(long(k) + 1) - At48k(long(k)));
-        ASSERT_EQ(d.out[k].timestamp, 5);
-    }
-}
-
 TEST(AudioPacketizerRaw, ATimeOfItsOwnOrAResetRestartsTheCount) {
     Driver d(kCodecMp4a, aactest::Asc(2, 3, 1, true));  // 960-sample frames
-    d.Feed("a", kT0);
+    EXPECT_EQ(d.Feed("f0", 0), 0u) << "no starting time: released";
+    d.Feed("a", kT0, 0, 5);
     d.Feed("b", kT0 + 20000);  // agrees with the count: kept
     d.Feed("c", kT0 + 500000);
     d.Feed("d", 0);
@@ -150,6 +129,9 @@ TEST(AudioPacketizerRaw, ATimeOfItsOwnOrAResetRestartsTheCount) {
     EXPECT_EQ(d.Feed("e", 0), 0u) << "after a reset a starting time is needed again";
     d.Feed("f", 7000);
     ASSERT_EQ(d.out.size(), 5u);
+    EXPECT_EQ(d.out[0].pts, kT0);
+    EXPECT_EQ(d.out[0].length, 20000);
+    EXPECT_EQ(d.out[0].timestamp, 5) << "stamped with the arrival time";
     EXPECT_EQ(d.out[1].pts, kT0 + 20000);
     EXPECT_EQ(d.out[2].pts, kT0 + 500000);
     EXPECT_EQ(d.out[3].pts, kT0 + 520000);
