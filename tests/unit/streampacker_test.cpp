@@ -14,18 +14,15 @@
 
 // Looks at the packer's waiting lists (frames queued for the packetize thread).
 struct StreamPackerInspector {
-    static std::vector<std::vector<uint8_t>> Waiting(StreamPacker& p, MediaES es) {
+    struct Frame {
+        std::vector<uint8_t> bytes;
+        long long pts;
+    };
+    static std::vector<Frame> Waiting(StreamPacker& p, MediaES es) {
         std::lock_guard<std::mutex> lock(p.m_mutex);
-        std::vector<std::vector<uint8_t>> out;
+        std::vector<Frame> out;
         for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
-            out.emplace_back(b->GetBuffer(), b->GetBuffer() + b->GetBufferSize());
-        return out;
-    }
-    static std::vector<long long> WaitingPts(StreamPacker& p, MediaES es) {
-        std::lock_guard<std::mutex> lock(p.m_mutex);
-        std::vector<long long> out;
-        for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
-            out.push_back(b->GetPTS());
+            out.push_back({{b->GetBuffer(), b->GetBuffer() + b->GetBufferSize()}, b->GetPTS()});
         return out;
     }
 };
@@ -37,21 +34,18 @@ class RecordingHandler : public MediaDataHandler {
 public:
     struct Delivery {
         int es;
-        uint32_t codec;
         std::vector<uint8_t> bytes;
         long long pts;
         long long length;
         int vdoOft;
-        uint32_t flags;
         pthread_t thread;
     };
     int ProcessMediaBlock(ESFormat& format, MediaBlock* block) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_deliveries.push_back(
-            {format.i_cat, format.i_codec,
+            {format.i_cat,
              std::vector<uint8_t>(block->GetBuffer(), block->GetBuffer() + block->GetBufferSize()),
-             block->GetPTS(), block->GetLength(), block->GetVdoOft(), block->GetFlags(),
-             pthread_self()});
+             block->GetPTS(), block->GetLength(), block->GetVdoOft(), pthread_self()});
         delete block;
         return refuse ? 7 : 0;
     }
@@ -221,14 +215,13 @@ TEST(StreamPacker, FramesAreWrappedByCodec) {
     EXPECT_EQ(Feed(packer, AUDIO_ES, amr, (1LL << 40) * 1000000 + 5, 0x3C), 1);
     auto video = StreamPackerInspector::Waiting(packer, VIDEO_ES);
     ASSERT_EQ(video.size(), 1u);
-    EXPECT_EQ(video[0].size(), 14u);
-    EXPECT_EQ(0, memcmp(video[0].data(), "\x00\x00\x00\x01\x41", 5));
+    EXPECT_EQ(video[0].bytes.size(), 14u);
+    EXPECT_EQ(0, memcmp(video[0].bytes.data(), "\x00\x00\x00\x01\x41", 5));
     auto audio = StreamPackerInspector::Waiting(packer, AUDIO_ES);
     ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].size(), 32u);
-    EXPECT_EQ(audio[0][0], 0x3C);
-    EXPECT_EQ(StreamPackerInspector::WaitingPts(packer, AUDIO_ES)[0],
-              ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
+    EXPECT_EQ(audio[0].bytes.size(), 32u);
+    EXPECT_EQ(audio[0].bytes[0], 0x3C);
+    EXPECT_EQ(audio[0].pts, ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
     camfetch_host::ThreadFailNextCreates(0);
 }
 
