@@ -181,7 +181,7 @@ TEST(H264Packetizer, ParameterSetIdsOutOfRangeAreDropped) {
         H264Sps sps;
         sps.id = c.spsId;
         h.Nal(nal::Sps(sps));
-        h.Nal(nal::Pps(H264Pps{c.ppsId, c.ppsSpsId, false}));
+        h.Nal(nal::Pps(H264Pps{c.ppsId, c.ppsSpsId}));
         h.Nal(nal::Aud());
         EXPECT_EQ(h.stream.fmt.i_extra > 0, c.stored);
     }
@@ -192,8 +192,8 @@ TEST(H264Packetizer, ExtraDataIsEverySpsThenEveryPpsByIdAndEveryIPictureCarriesT
     H264Sps sps1;
     sps1.id = 1;
     const std::string s1 = nal::Sps(sps1);
-    const std::string p3 = nal::Pps(H264Pps{3, 0, false});
-    const std::string p1 = nal::Pps(H264Pps{1, 1, false});
+    const std::string p3 = nal::Pps(H264Pps{3, 0});
+    const std::string p1 = nal::Pps(H264Pps{1, 1});
     h.Nal(s1);
     h.Nal(kSpsNal);
     h.Nal(p3);
