@@ -25,23 +25,24 @@ TEST(AudioPacketizerInit, ConfigFromExtraData) {
     struct Case {
         const char* name;
         std::string extra;
-        int result, mode, rate, channels, frameLength;
+        int givenRate, result, mode, rate, channels, frameLength;
     } cases[] = {
-        {"LC 48k stereo", aactest::Asc(2, 3, 2), 0, 1, 48000, 2, 1024},
-        {"960-sample frames", aactest::Asc(2, 6, 2, true), 0, 1, 24000, 2, 960},
-        {"encoder config with extension", std::string("\x11\x90\x56\xE5\x00", 5), 0, 1, 48000, 2,
+        {"LC 48k stereo", aactest::Asc(2, 3, 2), 0, 0, 1, 48000, 2, 1024},
+        {"960-sample frames", aactest::Asc(2, 6, 2, true), 0, 0, 1, 24000, 2, 960},
+        {"encoder config with extension", std::string("\x11\x90\x56\xE5\x00", 5), 0, 0, 1, 48000, 2,
          1024},
-        {"one byte", std::string("\x11"), -1, 0, 0, 0, 0},
-        {"reserved rate index", aactest::Asc(2, 13, 2), -1, 0, 0, 0, 0},
-        {"explicit rate cut short", aactest::Asc(2, 15, 1, false, 12345).substr(0, 4), -1, 0, 0, 0,
-         0},
-        {"explicit rate of zero", aactest::Asc(2, 15, 1, false, 0), -1, 0, 0, 0, 0},
-        {"no extra data", "", 0, 2, 0, 0, 0},
+        {"one byte", std::string("\x11"), 0, -1, 0, 0, 0, 0},
+        {"reserved rate index", aactest::Asc(2, 13, 2), 0, -1, 0, 0, 0, 0},
+        {"explicit rate cut short", aactest::Asc(2, 15, 1, false, 12345).substr(0, 4), 0, -1, 0, 0,
+         0, 0},
+        {"explicit rate of zero", aactest::Asc(2, 15, 1, false, 0), 0, -1, 0, 0, 0, 0},
+        {"no extra data", "", 0, 0, 2, 0, 0, 0},
+        {"no extra data: dates at the rate given", "", 44100, 0, 2, 44100, 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         LogCapture log;
-        Driver d(kCodecMp4a, c.extra);
+        Driver d(kCodecMp4a, c.extra, c.givenRate);
         EXPECT_EQ(d.initResult, c.result);
         EXPECT_EQ(d.packetizer.GetType(), c.mode);
         EXPECT_EQ(log.Count("Unusable AAC config"), c.result ? 1 : 0);
@@ -55,13 +56,6 @@ TEST(AudioPacketizerInit, ConfigFromExtraData) {
     }
     Mpeg4AudioPacketizer p;
     EXPECT_EQ(p.InitPacket(nullptr), -1);
-}
-
-TEST(AudioPacketizerInit, StreamModeDatesWithTheRateItIsGiven) {
-    Driver d(kCodecMp4a, "", 44100);
-    EXPECT_EQ(d.packetizer.GetType(), Mpeg4AudioPacketizer::kModeStream);
-    EXPECT_EQ(d.stream.endDate.i_rate, 44100u);
-    EXPECT_EQ(d.stream.endDate.date, 0);
 }
 
 TEST(AudioPacketizerInit, CopyModeCanonicalCodes) {
@@ -164,10 +158,6 @@ TEST(AudioPacketizerAdts, AFrameWaitsForTheNextSyncWord) {
     EXPECT_EQ(d.out[0].bytes, p[0]);
     EXPECT_EQ(d.out[1].bytes, p[1]);
     EXPECT_EQ(d.out[1].pts, At48k(1));
-    EXPECT_EQ(d.Extra(), aactest::Asc(2, 3, 2));
-    EXPECT_EQ(d.stream.fmt.audio.i_rate, 48000u);
-    EXPECT_EQ(d.stream.fmt.audio.i_channels, 2u);
-    EXPECT_EQ(d.stream.fmt.audio.i_frame_length, 1024u);
     EXPECT_EQ(d.stream.fmt.audio.i_bytes_per_frame, p[1].size());
 }
 

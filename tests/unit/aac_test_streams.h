@@ -116,7 +116,6 @@ struct Latm {
     int index = 3;
     int channels = 2;
     int objectType = 2;
-    int otherDataGroups = 0;  // 9-bit escaped groups of otherDataLenBits
     bool crc = false;
     int ascFillBits = 0;         // version 1: ascLen less the config's 16 bits
     bool payloadAligned = true;  // pad the config with other-data groups until aligned
@@ -170,7 +169,7 @@ inline void PutStreamMuxConfig(BitWriter& w, const Latm& l, int otherGroups) {
 // The payloads go in subframe order, stream by stream; with chunked framing (no same-time
 // framing) each subframe is one chunk per stream.
 inline std::string LoasFrame(const std::vector<std::string>& payloads, const Latm& l = {}) {
-    int groups = l.otherDataGroups;
+    int groups = 0;  // 9-bit escaped groups of otherDataLenBits
     BitWriter w;
     for (int attempt = 0; attempt < 8; ++attempt) {
         w = BitWriter();
