@@ -199,9 +199,7 @@ TEST(HevcPacketizer, ParameterSetsThatDoNotDecodeAreLoggedAndPassOn) {
         w.u(16, 0xffff);
         nal::HevcProfileTierLevel(w);
         w.bit(1);
-        w.ue(0);
-        w.ue(0);
-        w.ue(0);
+        w.ues({0, 0, 0});
         w.u(6, 0);
         w.ue(5000);
         w.trailing();

@@ -150,12 +150,8 @@ TEST(VideoBadInput, AbsurdH264HeaderValues) {
     nal::BitWriter w;
     w.u(8, 100);
     w.u(16, 0);
-    w.ue(0);
-    w.ue(1);
-    w.ue(0);
-    w.ue(0);
-    w.bit(0);
-    w.bit(1);  // scaling matrices
+    w.ues({0, 1, 0, 0});
+    w.bits({0, 1});  // scaling matrices
     for (int i = 0; i < 8; ++i) {
         w.bit(1);
         for (int j = 0; j < 64; ++j)
@@ -171,17 +167,10 @@ TEST(VideoBadInput, AbsurdH264HeaderValues) {
         w.se(1);
     w.ue(0);
     w.bit(0);
-    w.ue(0xfffffffe);  // width in macroblocks
-    w.ue(0xfffffffe);
-    w.bit(1);
-    w.bit(1);
-    w.bit(1);  // cropping larger than the picture
-    w.ue(0xfffffffe);
-    w.ue(0xfffffffe);
-    w.ue(0xfffffffe);
-    w.ue(0xfffffffe);
-    w.bit(1);
-    w.bit(1);
+    w.ues({0xfffffffe, 0xfffffffe});  // width and height in macroblocks
+    w.bits({1, 1, 1});                // cropping larger than the picture
+    w.ues({0xfffffffe, 0xfffffffe, 0xfffffffe, 0xfffffffe});
+    w.bits({1, 1});
     w.u(8, 255);
     w.u(16, 0xffff);
     w.u(16, 1);
