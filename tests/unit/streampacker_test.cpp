@@ -30,6 +30,7 @@ struct StreamPackerInspector {
 namespace {
 
 // Records what reaches the host: stream, bytes, times, offset and the delivering thread.
+// Tests declare it before the packer: it must outlive the packetize thread.
 class RecordingHandler : public MediaDataHandler {
 public:
     struct Delivery {
@@ -104,8 +105,8 @@ int Feed(StreamPacker& p, MediaES es, const std::string& bytes, long long us,
 
 TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
     ScriptedClock clock;
-    StreamPacker packer(Param(5, false, true, 12));
     RecordingHandler handler;
+    StreamPacker packer(Param(5, false, true, 12));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecMxpg), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_TRUE(packer.IsPassThrough());
@@ -124,8 +125,8 @@ TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
 
 TEST(StreamPacker, UnknownMediumAndUnwantedAudioAreSkipped) {
     LogCapture log;
-    StreamPacker packer(Param(1, false, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(1, false, false));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecJpeg), ESFormat());
     EXPECT_EQ(Feed(packer, static_cast<MediaES>(3), "x", 1), 0);
@@ -137,8 +138,8 @@ TEST(StreamPacker, UnknownMediumAndUnwantedAudioAreSkipped) {
 
 TEST(StreamPacker, PacketizesOnTheCallersThreadWithTimesPatched) {
     ScriptedClock clock;
-    StreamPacker packer(Param(3, true, false, 4));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false, 4));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_FALSE(packer.IsMetaMode());
@@ -160,8 +161,8 @@ TEST(StreamPacker, PacketizesOnTheCallersThreadWithTimesPatched) {
 }
 
 TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     handler.refuse = true;
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecUlaw));
@@ -170,8 +171,8 @@ TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
 }
 
 TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     packer.SetDataHandler(&handler);
     // An unknown codec: the video packetizer releases every frame and outputs nothing.
     packer.InitPackers(Format(VIDEO_ES, FourCC("wxyz")), Format(AUDIO_ES, kCodecAlaw));
@@ -197,8 +198,8 @@ TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
 
 TEST(StreamPacker, MissingPacketizerIsReported) {
     LogCapture log;
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     packer.SetDataHandler(&handler);
     // Never initialised: no packetizers exist.
     EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 1000), FETCH_CONN_CLOSED);
@@ -228,8 +229,8 @@ TEST(StreamPacker, FramesAreWrappedByCodec) {
 TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
     LogCapture log;
     camfetch_host::ThreadFailNextCreates(1);
-    StreamPacker packer(Param(3, true, true));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, true));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_EQ(log.Count("Failed to create packetize thread."), 1);
@@ -242,8 +243,8 @@ TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
 }
 
 TEST(StreamPacker, MetaModeDeliversInOrderOnThePacketizeThread) {
-    StreamPacker packer(Param(3, true, true));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, true));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     ASSERT_TRUE(packer.IsMetaMode());
@@ -261,8 +262,8 @@ TEST(StreamPacker, MetaModeDeliversInOrderOnThePacketizeThread) {
 
 TEST(StreamPacker, MetaModeStopsPromptlyWithFramesInFlight) {
     for (int round = 0; round < 5; ++round) {
-        StreamPacker packer(Param(3, true, true));
         RecordingHandler handler;
+        StreamPacker packer(Param(3, true, true));
         packer.SetDataHandler(&handler);
         packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
         for (int i = 0; i < 200; ++i) {
