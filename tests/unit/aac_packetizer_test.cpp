@@ -60,21 +60,29 @@ TEST(AudioPacketizerInit, ConfigFromExtraData) {
 
 TEST(AudioPacketizerInit, CopyModeCanonicalCodes) {
     struct Case {
-        const char* codec;
+        uint32_t codec;
         int bits;
-        const char* canonical;  // null: refused
+        uint32_t canonical;  // 0: refused
     } cases[] = {
-        {"XviD", 0, "mp4v"},  {"MP43", 0, "DIV3"},   {"sowt", 0, "s16l"},  {"alaw", 0, "alaw"},
-        {"araw", 8, "u8  "},  {"araw", 12, "s16l"},  {"araw", 24, "s24l"}, {"araw", 32, "s32l"},
-        {"araw", 0, nullptr}, {"araw", 40, nullptr}, {"mpga", 0, nullptr}, {"MXPG", 0, nullptr},
+        {FourCC("XviD"), 0, FourCC("mp4v")},
+        {FourCC("MP43"), 0, FourCC("DIV3")},
+        {FourCC("sowt"), 0, FourCC("s16l")},
+        {FourCC("alaw"), 0, FourCC("alaw")},
+        {FourCC("araw"), 8, FourCC("u8  ")},
+        {FourCC("araw"), 12, FourCC("s16l")},
+        {FourCC("araw"), 24, FourCC("s24l")},
+        {FourCC("araw"), 32, FourCC("s32l")},
+        {FourCC("araw"), 0, 0},
+        {FourCC("araw"), 40, 0},
+        {FourCC("mpga"), 0, 0},
+        {FourCC("MXPG"), 0, 0},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(std::string(c.codec) + " " + std::to_string(c.bits));
-        char code[5] = {c.codec[0], c.codec[1], c.codec[2], c.codec[3], 0};
+        SCOPED_TRACE(GetCodec(c.codec) + " " + std::to_string(c.bits));
         LogCapture log;
         Mpeg4AudioPacketizer p;
         PACK_STREAM s;
-        s.fmt.Reset(AUDIO_ES, FourCC(reinterpret_cast<const char(&)[5]>(code)));
+        s.fmt.Reset(AUDIO_ES, c.codec);
         s.fmt.audio.i_bitspersample = uint32_t(c.bits);
         const int r = p.InitPacket(&s);
         if (!c.canonical) {
@@ -82,10 +90,9 @@ TEST(AudioPacketizerInit, CopyModeCanonicalCodes) {
             EXPECT_EQ(log.Count("Unsupported audio codec"), 1);
             continue;
         }
-        char want[5] = {c.canonical[0], c.canonical[1], c.canonical[2], c.canonical[3], 0};
         EXPECT_EQ(r, 0);
         EXPECT_EQ(p.GetType(), Mpeg4AudioPacketizer::kModeCopy);
-        EXPECT_EQ(s.fmt.i_codec, FourCC(reinterpret_cast<const char(&)[5]>(want)));
+        EXPECT_EQ(GetCodec(s.fmt.i_codec), GetCodec(c.canonical));
         p.FreePacket(&s);
     }
 }
