@@ -1,4 +1,4 @@
-// Builders for crafted video units: a bit writer, emulation prevention, and small H.264,
+// Builders for crafted video units: emulation prevention, and small H.264,
 // HEVC and MPEG-4 Part 2 headers with just the fields the packetizer reads, so that a test
 // states the stream it means ("an SPS with a crop window") instead of opaque bytes.
 #pragma once
@@ -8,61 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "core/mediablock.h"
 #include "packetizer/packetizer.h"
 
 namespace nal {
 
-class BitWriter {
-public:
-    void u(int bits, uint64_t value) {
-        for (int i = bits - 1; i >= 0; --i)
-            bit(static_cast<int>((value >> i) & 1));
-    }
-    void bit(int b) {
-        if (m_used % 8 == 0)
-            m_bytes.push_back(0);
-        if (b)
-            m_bytes.back() |= static_cast<uint8_t>(0x80 >> (m_used % 8));
-        ++m_used;
-    }
-    void ue(uint32_t v) {
-        const uint64_t code = uint64_t{v} + 1;
-        int bits = 0;
-        while ((code >> bits) > 1)
-            ++bits;
-        u(bits, 0);
-        u(bits + 1, code);
-    }
-    void se(int32_t v) {
-        const int64_t w = v;
-        ue(static_cast<uint32_t>(w > 0 ? 2 * w - 1 : -2 * w));
-    }
-    // Runs of fields whose values the packetizer does not care about.
-    void bits(std::initializer_list<int> values) {
-        for (int b : values)
-            bit(b);
-    }
-    void ues(std::initializer_list<uint32_t> values) {
-        for (uint32_t v : values)
-            ue(v);
-    }
-    // rbsp_trailing_bits: a stop bit, then zeros to the byte end.
-    void trailing() {
-        bit(1);
-        while (m_used % 8)
-            bit(0);
-    }
-    void bytes(const std::string& raw) {
-        for (char c : raw)
-            u(8, static_cast<uint8_t>(c));
-    }
-    std::string str() const { return std::string(m_bytes.begin(), m_bytes.end()); }
-
-private:
-    std::vector<uint8_t> m_bytes;
-    int m_used = 0;
-};
+using testbits::BitWriter;
 
 // Inserts emulation-prevention bytes: 00 00 followed by 00..03 gets a 03 in between.
 inline std::string Escape(const std::string& rbsp) {
