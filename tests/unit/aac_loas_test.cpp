@@ -103,16 +103,6 @@ TEST(AudioPacketizerLoas, FixedLengthPayloads) {
     EXPECT_EQ(d.out[1].bytes, Payload(20, 2));
 }
 
-TEST(AudioPacketizerLoas, LayersShareTheFirstConfigAndComeOutTogether) {
-    Latm l;
-    l.layers = 2;
-    Driver d;
-    d.Feed(LoasFrame({Payload(40, 1), Payload(30, 2)}, l) + "\x56\xE0", kT0);
-    ASSERT_EQ(d.out.size(), 1u);
-    EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(30, 2));
-    EXPECT_EQ(d.stream.latm.i_streams, 2);
-}
-
 TEST(AudioPacketizerLoas, SubFramesAreAskedForOnceAndLastTheirSamples) {
     Latm l;
     l.subFrames = 2;
@@ -138,17 +128,23 @@ TEST(AudioPacketizerLoas, SubFramesAreAskedForOnceAndLastTheirSamples) {
     }
 }
 
-TEST(AudioPacketizerLoas, ChunkedFramingIsAskedForAndRead) {
-    Latm l;
-    l.sameTimeFraming = false;
-    l.layers = 2;
-    LogCapture log;
-    Driver d;
-    d.Feed(LoasFrame({Payload(40, 1), Payload(50, 2)}, l) + "\x56\xE0", kT0);
-    ASSERT_EQ(d.out.size(), 1u);
-    EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(50, 2));
-    EXPECT_EQ(log.Count(kTimeFramingLog), 1);
-    EXPECT_EQ(log.Count(kSubFramesLog), 0);
+// Two layers share the first one's config; their payloads come out as one frame, whether
+// the element gives their lengths at once or chunk by chunk (which asks for a sample).
+TEST(AudioPacketizerLoas, LayersComeOutTogetherInEitherFraming) {
+    for (bool sameTimeFraming : {true, false}) {
+        SCOPED_TRACE(sameTimeFraming);
+        Latm l;
+        l.layers = 2;
+        l.sameTimeFraming = sameTimeFraming;
+        LogCapture log;
+        Driver d;
+        d.Feed(LoasFrame({Payload(40, 1), Payload(50, 2)}, l) + "\x56\xE0", kT0);
+        ASSERT_EQ(d.out.size(), 1u);
+        EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(50, 2));
+        EXPECT_EQ(d.stream.latm.i_streams, 2);
+        EXPECT_EQ(log.Count(kTimeFramingLog), sameTimeFraming ? 0 : 1);
+        EXPECT_EQ(log.Count(kSubFramesLog), 0);
+    }
 }
 
 // Elements that cannot be read give nothing; the search goes on behind them and the good
