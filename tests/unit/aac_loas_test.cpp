@@ -36,61 +36,43 @@ std::string Stream(const std::vector<std::string>& payloads, const Latm& first) 
 TEST(AudioPacketizerLoas, ConfiguredStreamsInEveryFraming) {
     struct Case {
         const char* name;
-        Latm l;
-    } cases[] = {
-        {"aligned payload",
-         [] {
-             Latm l;
-             l.payloadAligned = true;
-             return l;
-         }()},
-        {"unaligned payload",
-         [] {
-             Latm l;
-             l.payloadAligned = false;
-             return l;
-         }()},
-        {"version 1",
-         [] {
-             Latm l;
-             l.version = 1;
-             l.ascFillBits = 5;
-             return l;
-         }()},
-        {"crc",
-         [] {
-             Latm l;
-             l.crc = true;
-             return l;
-         }()},
-        {"16 kHz mono",
-         [] {
-             Latm l;
-             l.index = 8;
-             l.channels = 1;
-             return l;
-         }()},
+        bool payloadAligned, crc;
+        int version, ascFillBits, index, channels;
+    };
+    const Case cases[] = {
+        {"aligned payload", true, false, 0, 0, 3, 2},
+        {"unaligned payload", false, false, 0, 0, 3, 2},
+        {"version 1", true, false, 1, 5, 3, 2},
+        {"crc", true, true, 0, 0, 3, 2},
+        {"16 kHz mono", true, false, 0, 0, 8, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
+        Latm l;
+        l.payloadAligned = c.payloadAligned;
+        l.crc = c.crc;
+        l.version = c.version;
+        l.ascFillBits = c.ascFillBits;
+        l.index = c.index;
+        l.channels = c.channels;
         std::vector<std::string> payloads;
         for (int k = 0; k < 12; ++k)
             payloads.push_back(Payload(size_t(100 + 35 * k), k));  // lengths past 255 too
-        const std::string s = Stream(payloads, c.l);
+        const std::string s = Stream(payloads, l);
         for (size_t piece : {size_t(1), size_t(33), s.size()}) {
             SCOPED_TRACE(piece);
             Driver d;
             for (size_t pos = 0; pos < s.size(); pos += piece)
                 d.Feed(s.substr(pos, piece), pos < 2 ? kT0 : 0);
             ASSERT_EQ(d.out.size(), payloads.size());
-            const int rate = c.l.index == 8 ? 16000 : 48000;
+            const int rate = l.index == 8 ? 16000 : 48000;
             for (size_t k = 0; k < payloads.size(); ++k) {
                 ASSERT_EQ(d.out[k].bytes, payloads[k]) << k;
                 ASSERT_EQ(d.out[k].pts, kT0 + long(k) * 1024 * 1000000 / rate) << k;
             }
-            EXPECT_EQ(d.Extra(), aactest::Asc(2, c.l.index, c.l.channels));
+            EXPECT_EQ(d.Extra(), aactest::Asc(2, l.index, l.channels));
             EXPECT_EQ(int(d.stream.fmt.audio.i_rate), rate);
-            EXPECT_EQ(int(d.stream.fmt.audio.i_channels), c.l.channels);
+            EXPECT_EQ(int(d.stream.fmt.audio.i_channels), l.channels);
             EXPECT_EQ(d.stream.fmt.audio.i_frame_length, 1024u);
         }
     }
@@ -121,16 +103,6 @@ TEST(AudioPacketizerLoas, FixedLengthPayloads) {
     EXPECT_EQ(d.out[1].bytes, Payload(20, 2));
 }
 
-TEST(AudioPacketizerLoas, LayersShareTheFirstConfigAndComeOutTogether) {
-    Latm l;
-    l.layers = 2;
-    Driver d;
-    d.Feed(LoasFrame({Payload(40, 1), Payload(30, 2)}, l) + "\x56\xE0", kT0);
-    ASSERT_EQ(d.out.size(), 1u);
-    EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(30, 2));
-    EXPECT_EQ(d.stream.latm.i_streams, 2);
-}
-
 TEST(AudioPacketizerLoas, SubFramesAreAskedForOnceAndLastTheirSamples) {
     Latm l;
     l.subFrames = 2;
@@ -156,17 +128,23 @@ TEST(AudioPacketizerLoas, SubFramesAreAskedForOnceAndLastTheirSamples) {
     }
 }
 
-TEST(AudioPacketizerLoas, ChunkedFramingIsAskedForAndRead) {
-    Latm l;
-    l.sameTimeFraming = false;
-    l.layers = 2;
-    LogCapture log;
-    Driver d;
-    d.Feed(LoasFrame({Payload(40, 1), Payload(50, 2)}, l) + "\x56\xE0", kT0);
-    ASSERT_EQ(d.out.size(), 1u);
-    EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(50, 2));
-    EXPECT_EQ(log.Count(kTimeFramingLog), 1);
-    EXPECT_EQ(log.Count(kSubFramesLog), 0);
+// Two layers share the first one's config; their payloads come out as one frame, whether
+// the element gives their lengths at once or chunk by chunk (which asks for a sample).
+TEST(AudioPacketizerLoas, LayersComeOutTogetherInEitherFraming) {
+    for (bool sameTimeFraming : {true, false}) {
+        SCOPED_TRACE(sameTimeFraming);
+        Latm l;
+        l.layers = 2;
+        l.sameTimeFraming = sameTimeFraming;
+        LogCapture log;
+        Driver d;
+        d.Feed(LoasFrame({Payload(40, 1), Payload(50, 2)}, l) + "\x56\xE0", kT0);
+        ASSERT_EQ(d.out.size(), 1u);
+        EXPECT_EQ(d.out[0].bytes, Payload(40, 1) + Payload(50, 2));
+        EXPECT_EQ(d.stream.latm.i_streams, 2);
+        EXPECT_EQ(log.Count(kTimeFramingLog), sameTimeFraming ? 0 : 1);
+        EXPECT_EQ(log.Count(kSubFramesLog), 0);
+    }
 }
 
 // Elements that cannot be read give nothing; the search goes on behind them and the good

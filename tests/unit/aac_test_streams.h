@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "packetizer/mpeg4audiopacket.h"
 
 namespace aactest {
@@ -49,59 +50,34 @@ inline std::string AdtsFrame(const std::string& payload, const Adts& a = {}) {
     return h + payload;
 }
 
-// MSB-first bit writer that knows its position.
-class BitWriter {
-public:
-    void Put(int bits, uint64_t value) {
-        for (int i = bits - 1; i >= 0; --i) {
-            if (m_pos % 8 == 0)
-                m_bytes.push_back('\0');
-            if ((value >> i) & 1)
-                m_bytes.back() = char(uint8_t(m_bytes.back()) | (0x80 >> (m_pos % 8)));
-            ++m_pos;
-        }
-    }
-    void PutBytes(const std::string& bytes) {
-        for (char c : bytes)
-            Put(8, uint8_t(c));
-    }
-    // LatmGetValue() syntax with the fewest bytes.
-    void PutLatmValue(uint32_t v) {
-        int bytes = v > 0xFFFFFF ? 4 : v > 0xFFFF ? 3 : v > 0xFF ? 2 : 1;
-        Put(2, uint64_t(bytes - 1));
-        Put(8 * bytes, v);
-    }
-    void Align() {
-        while (m_pos % 8)
-            Put(1, 0);
-    }
-    size_t Pos() const { return m_pos; }
-    const std::string& Bytes() const { return m_bytes; }
+using testbits::BitWriter;
 
-private:
-    std::string m_bytes;
-    size_t m_pos = 0;
-};
+// LatmGetValue() syntax with the fewest bytes.
+inline void PutLatmValue(BitWriter& w, uint32_t v) {
+    int bytes = v > 0xFFFFFF ? 4 : v > 0xFFFF ? 3 : v > 0xFF ? 2 : 1;
+    w.u(2, uint64_t(bytes - 1));
+    w.u(8 * bytes, v);
+}
 
 // An AAC AudioSpecificConfig of 16 bits (GA, no extensions) or with the explicit rate.
 inline void PutAsc(BitWriter& w, int objectType, int index, int channels, bool shortFrame = false,
                    int explicitRate = 0) {
-    w.Put(5, uint64_t(objectType));
-    w.Put(4, uint64_t(index));
+    w.u(5, uint64_t(objectType));
+    w.u(4, uint64_t(index));
     if (index == 15)
-        w.Put(24, uint64_t(explicitRate));
-    w.Put(4, uint64_t(channels));
-    w.Put(1, shortFrame);  // frameLengthFlag
-    w.Put(1, 0);           // dependsOnCoreCoder
-    w.Put(1, 0);           // extensionFlag
+        w.u(24, uint64_t(explicitRate));
+    w.u(4, uint64_t(channels));
+    w.u(1, shortFrame);  // frameLengthFlag
+    w.u(1, 0);           // dependsOnCoreCoder
+    w.u(1, 0);           // extensionFlag
 }
 
 inline std::string Asc(int objectType, int index, int channels, bool shortFrame = false,
                        int explicitRate = 0) {
     BitWriter w;
     PutAsc(w, objectType, index, channels, shortFrame, explicitRate);
-    w.Align();
-    return w.Bytes();
+    w.align();
+    return w.str();
 }
 
 // One AudioMuxElement (muxConfigPresent = 1) and its LOAS framing.
@@ -116,7 +92,6 @@ struct Latm {
     int index = 3;
     int channels = 2;
     int objectType = 2;
-    int otherDataGroups = 0;  // 9-bit escaped groups of otherDataLenBits
     bool crc = false;
     int ascFillBits = 0;         // version 1: ascLen less the config's 16 bits
     bool payloadAligned = true;  // pad the config with other-data groups until aligned
@@ -125,59 +100,59 @@ struct Latm {
 };
 
 inline void PutStreamMuxConfig(BitWriter& w, const Latm& l, int otherGroups) {
-    w.Put(1, uint64_t(l.version));
+    w.u(1, uint64_t(l.version));
     if (l.version == 1) {
-        w.Put(1, uint64_t(l.versionA));
-        w.PutLatmValue(0xFF);  // taraBufferFullness
+        w.u(1, uint64_t(l.versionA));
+        PutLatmValue(w, 0xFF);  // taraBufferFullness
     }
-    w.Put(1, l.sameTimeFraming);
-    w.Put(6, uint64_t(l.subFrames - 1));
-    w.Put(4, 0);  // one program
-    w.Put(3, uint64_t(l.layers - 1));
+    w.u(1, l.sameTimeFraming);
+    w.u(6, uint64_t(l.subFrames - 1));
+    w.u(4, 0);  // one program
+    w.u(3, uint64_t(l.layers - 1));
     for (int lay = 0; lay < l.layers; ++lay) {
         if (lay > 0)
-            w.Put(1, 1);  // useSameConfig
+            w.u(1, 1);  // useSameConfig
         else if (l.version == 0)
             PutAsc(w, l.objectType, l.index, l.channels);
         else {
-            w.PutLatmValue(uint32_t(16 + l.ascFillBits));
+            PutLatmValue(w, uint32_t(16 + l.ascFillBits));
             PutAsc(w, l.objectType, l.index, l.channels);
-            w.Put(l.ascFillBits, 0);
+            w.u(l.ascFillBits, 0);
         }
-        w.Put(3, uint64_t(l.frameLengthType));
+        w.u(3, uint64_t(l.frameLengthType));
         if (l.frameLengthType == 0)
-            w.Put(8, 0xFF);  // latmBufferFullness
+            w.u(8, 0xFF);  // latmBufferFullness
         else if (l.frameLengthType == 1)
-            w.Put(9, 0);  // frameLength: payloads of 20 bytes
+            w.u(9, 0);  // frameLength: payloads of 20 bytes
         else if (l.frameLengthType >= 3 && l.frameLengthType <= 5)
-            w.Put(6, 0);
+            w.u(6, 0);
         else if (l.frameLengthType >= 6)
-            w.Put(1, 0);
+            w.u(1, 0);
     }
     // otherDataLenBits of 0, written long: it moves the payloads against byte borders.
-    w.Put(1, otherGroups > 0);
+    w.u(1, otherGroups > 0);
     if (otherGroups > 0 && l.version == 1)
-        w.PutLatmValue(0);
+        PutLatmValue(w, 0);
     for (int g = 0; otherGroups > 0 && l.version == 0 && g < otherGroups; ++g) {
-        w.Put(1, g + 1 < otherGroups);
-        w.Put(8, 0);
+        w.u(1, g + 1 < otherGroups);
+        w.u(8, 0);
     }
-    w.Put(1, l.crc);
+    w.u(1, l.crc);
     if (l.crc)
-        w.Put(8, 0x5A);
+        w.u(8, 0x5A);
 }
 
 // The payloads go in subframe order, stream by stream; with chunked framing (no same-time
 // framing) each subframe is one chunk per stream.
 inline std::string LoasFrame(const std::vector<std::string>& payloads, const Latm& l = {}) {
-    int groups = l.otherDataGroups;
+    int groups = 0;  // 9-bit escaped groups of otherDataLenBits
     BitWriter w;
     for (int attempt = 0; attempt < 8; ++attempt) {
         w = BitWriter();
-        w.Put(1, !l.withConfig);
+        w.u(1, !l.withConfig);
         if (l.withConfig)
             PutStreamMuxConfig(w, l, groups);
-        const bool aligned = w.Pos() % 8 == 0;
+        const bool aligned = w.pos() % 8 == 0;
         if (!l.withConfig || l.frameLengthType != 0 || aligned == l.payloadAligned)
             break;
         ++groups;
@@ -186,27 +161,27 @@ inline std::string LoasFrame(const std::vector<std::string>& payloads, const Lat
     size_t next = 0;
     for (int sub = 0; sub < l.subFrames; ++sub) {
         if (!l.sameTimeFraming)
-            w.Put(4, uint64_t(streams - 1));  // numChunk
+            w.u(4, uint64_t(streams - 1));  // numChunk
         for (int st = 0; st < streams; ++st) {
             if (!l.sameTimeFraming)
-                w.Put(4, uint64_t(st));  // streamIndx
+                w.u(4, uint64_t(st));  // streamIndx
             if (l.frameLengthType == 0) {
                 size_t len = next + size_t(st) < payloads.size() ? payloads[next + st].size() : 0;
                 while (len >= 255) {
-                    w.Put(8, 255);
+                    w.u(8, 255);
                     len -= 255;
                 }
-                w.Put(8, len);
+                w.u(8, len);
                 if (!l.sameTimeFraming)
-                    w.Put(1, 1);  // AuEndFlag
+                    w.u(1, 1);  // AuEndFlag
             }
         }
         for (int st = 0; st < streams; ++st)
             if (next < payloads.size())
-                w.PutBytes(payloads[next++]);
+                w.bytes(payloads[next++]);
     }
-    w.Align();
-    std::string element = w.Bytes();
+    w.align();
+    std::string element = w.str();
     if (l.truncateTo >= 0 && size_t(l.truncateTo) < element.size())
         element.resize(size_t(l.truncateTo));
     const int len = l.lengthOverride >= 0 ? l.lengthOverride : int(element.size());

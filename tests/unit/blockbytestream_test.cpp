@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "nal_builder.h"
+
 namespace {
 
 const uint8_t kStartCode3[] = {0x00, 0x00, 0x01};
@@ -24,13 +26,6 @@ struct Stream {
         return BlockFindStartCodeFromOffset(&s, offset, kStartCode3, 3, nullptr);
     }
 };
-
-std::string S(std::initializer_list<int> bytes) {
-    std::string out;
-    for (int b : bytes)
-        out += static_cast<char>(b);
-    return out;
-}
 
 TEST(BlockByteStream, GetPeekSkipAcrossBlocks) {
     Stream st({"ab", "", "cde"});
@@ -119,12 +114,12 @@ TEST(StartCodeSearch, FindsCodesSplitAcrossBlocks) {
         std::vector<std::string> pieces;
         size_t expected;
     } cases[] = {
-        {{S({0x11, 0x00, 0x00}), S({0x01, 0x22})}, 1},
-        {{S({0x11, 0x00}), S({0x00}), S({0x01})}, 1},
-        {{S({0x11, 0x00}), "", S({0x00}), "", S({0x01})}, 1},
-        {{S({0x00, 0x00, 0x00, 0x00, 0x01})}, 2},
-        {{S({0x00}), S({0x00, 0x00}), S({0x01})}, 1},
-        {{S({0x00, 0x00, 0x02, 0x00, 0x00, 0x01})}, 3},
+        {{nal::Bytes({0x11, 0x00, 0x00}), nal::Bytes({0x01, 0x22})}, 1},
+        {{nal::Bytes({0x11, 0x00}), nal::Bytes({0x00}), nal::Bytes({0x01})}, 1},
+        {{nal::Bytes({0x11, 0x00}), "", nal::Bytes({0x00}), "", nal::Bytes({0x01})}, 1},
+        {{nal::Bytes({0x00, 0x00, 0x00, 0x00, 0x01})}, 2},
+        {{nal::Bytes({0x00}), nal::Bytes({0x00, 0x00}), nal::Bytes({0x01})}, 1},
+        {{nal::Bytes({0x00, 0x00, 0x02, 0x00, 0x00, 0x01})}, 3},
     };
     for (auto& c : cases) {
         Stream st(c.pieces);
@@ -135,7 +130,7 @@ TEST(StartCodeSearch, FindsCodesSplitAcrossBlocks) {
 }
 
 TEST(StartCodeSearch, ResumesWithoutSearchingTwice) {
-    Stream st({S({0x05, 0x06, 0x07, 0x00, 0x00})});
+    Stream st({nal::Bytes({0x05, 0x06, 0x07, 0x00, 0x00})});
     size_t offset = 0;
     EXPECT_EQ(st.Find(&offset), -1);
     EXPECT_EQ(offset, 3u) << "stops before the pending partial match";
@@ -156,11 +151,11 @@ TEST(StartCodeSearch, FastFinderAndByteWiseTailAgree) {
                 return p;
         return nullptr;
     };
-    Stream st({S({1, 2, 3, 4, 0}), S({0, 1, 9})});
+    Stream st({nal::Bytes({1, 2, 3, 4, 0}), nal::Bytes({0, 1, 9})});
     size_t offset = 0;
     EXPECT_EQ(BlockFindStartCodeFromOffset(&st.s, &offset, kStartCode3, 3, finder), 0);
     EXPECT_EQ(offset, 4u);
-    Stream inBlock({S({1, 2, 0, 0, 1, 3})});
+    Stream inBlock({nal::Bytes({1, 2, 0, 0, 1, 3})});
     offset = 0;
     EXPECT_EQ(BlockFindStartCodeFromOffset(&inBlock.s, &offset, kStartCode3, 3, finder), 0);
     EXPECT_EQ(offset, 2u);

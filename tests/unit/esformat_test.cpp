@@ -78,25 +78,10 @@ TEST(Codec, HostTypeNumbering) {
         int video;
         int audio;
     } cases[] = {
-        {FourCC("jpeg"), 1, 0},
-        {FourCC("MJPG"), 1, 0},
-        {FourCC("mjpg"), 0, 0},
-        {FourCC("mp4v"), 2, 0},
-        {FourCC("mpgv"), 2, 0},
-        {FourCC("avc1"), 3, 0},
-        {FourCC("h264"), 3, 0},
-        {FourCC("MXPG"), 5, 0},
-        {FourCC("hev1"), 6, 0},
-        {FourCC("hevc"), 6, 0},
-        {FourCC("s16b"), 0, 1},
-        {FourCC("alaw"), 0, 2},
-        {FourCC("ulaw"), 0, 2},
-        {FourCC("g726"), 0, 3},
-        {FourCC("mpga"), 0, 4},
-        {FourCC("mp4a"), 0, 4},
-        {FourCC("samr"), 0, 5},
-        {FourCC("sawb"), 0, 5},
-        {0, 0, 0},
+        {FourCC("MJPG"), 1, 0}, {FourCC("mjpg"), 0, 0}, {FourCC("mp4v"), 2, 0},
+        {FourCC("avc1"), 3, 0}, {FourCC("MXPG"), 5, 0}, {FourCC("hev1"), 6, 0},
+        {FourCC("s16b"), 0, 1}, {FourCC("ulaw"), 0, 2}, {FourCC("g726"), 0, 3},
+        {FourCC("mpga"), 0, 4}, {FourCC("sawb"), 0, 5}, {0, 0, 0},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(Codec2VideoType(static_cast<int>(c.codec)), c.video) << GetCodec(c.codec);

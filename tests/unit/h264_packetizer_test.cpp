@@ -47,42 +47,35 @@ void Finish(VideoHarness& h) {
     h.Nal(nal::Aud());
 }
 
-TEST(H264Packetizer, NothingLeavesBeforeTheFirstIPictureWhichCarriesTheParameterSets) {
-    VideoHarness h(kCodecH264);
-    ASSERT_EQ(h.init, 0);
-    h.Nal(kSpsNal);
-    h.Nal(kPpsNal);
-    h.Nal(P(1, 2));
-    h.Nal(P(2, 4));
-    h.Nal(Idr());
-    h.Nal(P(1, 2));
-    h.Nal(I(2, 4));
-    h.Nal(P(3, 6));
-    Finish(h);
-
-    ASSERT_EQ(h.out.size(), 4u);
-    EXPECT_EQ(h.out[0]->GetFlags() & BLOCK_FLAG_TYPE_MASK, BLOCK_FLAG_TYPE_I);
-    EXPECT_EQ(h.H264Types(0), (std::vector<int>{7, 8, 5}));
-    EXPECT_EQ(h.out[1]->GetFlags() & BLOCK_FLAG_TYPE_MASK, BLOCK_FLAG_TYPE_P);
-    EXPECT_EQ(h.H264Types(1), (std::vector<int>{1}));
-    EXPECT_EQ(h.out[2]->GetFlags() & BLOCK_FLAG_TYPE_MASK, BLOCK_FLAG_TYPE_I);
-    EXPECT_EQ(h.H264Types(2), (std::vector<int>{7, 8, 1})) << "every I picture, not only IDR";
-    EXPECT_EQ(h.H264Types(3), (std::vector<int>{1}));
-    EXPECT_EQ(h.stream.fmt.i_codec, kCodecH264);
-}
-
-TEST(H264Packetizer, SlicesBeforeTheParameterSetsAreDropped) {
-    VideoHarness h(kCodecH264);
-    h.Nal(Idr());
-    h.Nal(P(1, 2));
-    h.Nal(kSpsNal);
-    h.Nal(kPpsNal);
-    h.Nal(Idr(1));
-    h.Nal(P(1, 2));
-    Finish(h);
-    ASSERT_EQ(h.out.size(), 2u);
-    EXPECT_EQ(h.H264Types(0), (std::vector<int>{7, 8, 5}));
-    EXPECT_EQ(h.H264Types(1), (std::vector<int>{1}));
+TEST(H264Packetizer, NothingLeavesBeforeTheFirstIPictureAndEveryIPictureCarriesTheSets) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> units;
+        std::vector<std::vector<int>> pictures;  // NAL unit types of each output
+    };
+    const Case cases[] = {
+        {"P pictures before the first I",
+         {kSpsNal, kPpsNal, P(1, 2), P(2, 4), Idr(), P(1, 2), I(2, 4), P(3, 6)},
+         {{7, 8, 5}, {1}, {7, 8, 1}, {1}}},
+        {"slices before the parameter sets",
+         {Idr(), P(1, 2), kSpsNal, kPpsNal, Idr(1), P(1, 2)},
+         {{7, 8, 5}, {1}}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VideoHarness h(kCodecH264);
+        ASSERT_EQ(h.init, 0);
+        for (const auto& u : c.units)
+            h.Nal(u);
+        Finish(h);
+        ASSERT_EQ(h.out.size(), c.pictures.size());
+        for (size_t i = 0; i < h.out.size(); ++i) {
+            EXPECT_EQ(h.H264Types(i), c.pictures[i]) << i;
+            EXPECT_EQ(h.out[i]->GetFlags() & BLOCK_FLAG_TYPE_MASK,
+                      c.pictures[i][0] == 7 ? BLOCK_FLAG_TYPE_I : BLOCK_FLAG_TYPE_P)
+                << i;
+        }
+    }
 }
 
 TEST(H264Packetizer, PictureBoundaries) {
@@ -99,12 +92,14 @@ TEST(H264Packetizer, PictureBoundaries) {
         {"order count change", 0, {P(1, 2), P(1, 4)}, 2},
         {"order count 0 merges without the camera flag", 2, {P(1, 0, 0), P(1, 0, 0)}, 1},
         {"order count 0 splits with the camera flag", 3, {P(1, 0, 0), P(1, 0, 0)}, 2},
+        {"every constructor bit set", 0xffffffffu, {P(1, 0, 0), P(1, 0, 0)}, 2},
         {"IDR after IDR with another idr_pic_id", 0, {Idr(1), Idr(2)}, 2},
         {"IDR slices of one IDR picture", 0, {Idr(1), Idr(1)}, 1},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         VideoHarness h(kCodecH264, c.ctorFlags);
+        // Only the lowest constructor bit is the camera flag.
         EXPECT_EQ(h.packetizer.PocZeroSplits(), (c.ctorFlags & 1) != 0);
         h.Nal(kSpsNal);
         h.Nal(kPpsNal);
@@ -118,84 +113,47 @@ TEST(H264Packetizer, PictureBoundaries) {
 
 TEST(H264Packetizer, SpsGeometry) {
     struct Case {
-        const char* name;
-        H264Sps sps;
-        uint32_t width;
-        uint32_t height;
-        uint32_t aspect;
+        const char* what;
+        int profile, chromaFormat, widthMbs, heightMapUnits;
+        bool frameMbsOnly;
+        int cropLeft, cropRight, cropTop, cropBottom;
+        int aspectIdc, sarWidth, sarHeight;
+        uint32_t width, height, aspect;
     };
-    auto sps = [](auto edit) {
-        H264Sps s;
-        edit(s);
-        return s;
-    };
-    const std::vector<Case> cases = {
-        {"plain", sps([](H264Sps&) {}), 320, 240, 0},
-        {"1080p crop", sps([](H264Sps& s) {
-             s.widthMbs = 120;
-             s.heightMapUnits = 68;
-             s.crop = true;
-             s.cropBottom = 4;
-         }),
-         1920, 1080, 0},
+    const Case cases[] = {
+        {"plain", 66, 1, 20, 15, true, 0, 0, 0, 0, 0, 0, 0, 320, 240, 0},
+        {"1080p crop", 66, 1, 120, 68, true, 0, 0, 0, 4, 0, 0, 0, 1920, 1080, 0},
         // Field coding: the height of the map units, on purpose not doubled.
-        {"field coded", sps([](H264Sps& s) {
-             s.widthMbs = 120;
-             s.heightMapUnits = 34;
-             s.frameMbsOnly = false;
-             s.crop = true;
-             s.cropBottom = 2;
-         }),
-         1920, 34 * 16 - 2 * 4, 0},
-        {"4:4:4 crop in luma units", sps([](H264Sps& s) {
-             s.profile = 244;
-             s.chromaFormat = 3;
-             s.crop = true;
-             s.cropLeft = 3;
-             s.cropBottom = 1;
-         }),
-         317, 239, 0},
-        {"4:2:2 crops rows one by one", sps([](H264Sps& s) {
-             s.profile = 122;
-             s.chromaFormat = 2;
-             s.crop = true;
-             s.cropRight = 2;
-             s.cropTop = 2;
-         }),
-         316, 238, 0},
-        {"monochrome", sps([](H264Sps& s) {
-             s.profile = 100;
-             s.chromaFormat = 0;
-             s.crop = true;
-             s.cropRight = 5;
-         }),
-         315, 240, 0},
-        {"sample aspect 4:3 from the table", sps([](H264Sps& s) {
-             s.vui = true;
-             s.aspectIdc = 14;
-         }),
-         320, 240, 4 * 320 * 432000 / (3 * 240)},
-        {"explicit sample aspect", sps([](H264Sps& s) {
-             s.widthMbs = 44;
-             s.heightMapUnits = 36;
-             s.vui = true;
-             s.aspectIdc = 255;
-             s.sarWidth = 12;
-             s.sarHeight = 11;
-         }),
-         704, 576, static_cast<uint32_t>(12LL * 704 * 432000 / (11 * 576))},
-        {"sar width 0 leaves the aspect alone", sps([](H264Sps& s) {
-             s.vui = true;
-             s.aspectIdc = 255;
-             s.sarWidth = 0;
-             s.sarHeight = 11;
-         }),
-         320, 240, 0},
+        {"field coded", 66, 1, 120, 34, false, 0, 0, 0, 2, 0, 0, 0, 1920, 34 * 16 - 2 * 4, 0},
+        {"4:4:4 crop in luma units", 244, 3, 20, 15, true, 3, 0, 0, 1, 0, 0, 0, 317, 239, 0},
+        {"4:2:2 crops rows one by one", 122, 2, 20, 15, true, 0, 2, 2, 0, 0, 0, 0, 316, 238, 0},
+        {"monochrome", 100, 0, 20, 15, true, 0, 5, 0, 0, 0, 0, 0, 315, 240, 0},
+        {"sample aspect 4:3 from the table", 66, 1, 20, 15, true, 0, 0, 0, 0, 14, 0, 0, 320, 240,
+         4 * 320 * 432000 / (3 * 240)},
+        {"explicit sample aspect", 66, 1, 44, 36, true, 0, 0, 0, 0, 255, 12, 11, 704, 576,
+         static_cast<uint32_t>(12LL * 704 * 432000 / (11 * 576))},
+        {"sar width 0 leaves the aspect alone", 66, 1, 20, 15, true, 0, 0, 0, 0, 255, 0, 11, 320,
+         240, 0},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+        SCOPED_TRACE(c.what);
+        H264Sps sps;
+        sps.profile = c.profile;
+        sps.chromaFormat = c.chromaFormat;
+        sps.widthMbs = c.widthMbs;
+        sps.heightMapUnits = c.heightMapUnits;
+        sps.frameMbsOnly = c.frameMbsOnly;
+        sps.crop = c.cropLeft || c.cropRight || c.cropTop || c.cropBottom;
+        sps.cropLeft = c.cropLeft;
+        sps.cropRight = c.cropRight;
+        sps.cropTop = c.cropTop;
+        sps.cropBottom = c.cropBottom;
+        sps.vui = c.aspectIdc != 0;
+        sps.aspectIdc = c.aspectIdc;
+        sps.sarWidth = c.sarWidth;
+        sps.sarHeight = c.sarHeight;
         VideoHarness h(kCodecH264);
-        h.Nal(nal::Sps(c.sps));
+        h.Nal(nal::Sps(sps));
         h.Nal(kPpsNal);
         EXPECT_EQ(h.stream.fmt.video.i_width, c.width);
         EXPECT_EQ(h.stream.fmt.video.i_height, c.height);
@@ -223,7 +181,7 @@ TEST(H264Packetizer, ParameterSetIdsOutOfRangeAreDropped) {
         H264Sps sps;
         sps.id = c.spsId;
         h.Nal(nal::Sps(sps));
-        h.Nal(nal::Pps(H264Pps{c.ppsId, c.ppsSpsId, false}));
+        h.Nal(nal::Pps(H264Pps{c.ppsId, c.ppsSpsId}));
         h.Nal(nal::Aud());
         EXPECT_EQ(h.stream.fmt.i_extra > 0, c.stored);
     }
@@ -234,8 +192,8 @@ TEST(H264Packetizer, ExtraDataIsEverySpsThenEveryPpsByIdAndEveryIPictureCarriesT
     H264Sps sps1;
     sps1.id = 1;
     const std::string s1 = nal::Sps(sps1);
-    const std::string p3 = nal::Pps(H264Pps{3, 0, false});
-    const std::string p1 = nal::Pps(H264Pps{1, 1, false});
+    const std::string p3 = nal::Pps(H264Pps{3, 0});
+    const std::string p1 = nal::Pps(H264Pps{1, 1});
     h.Nal(s1);
     h.Nal(kSpsNal);
     h.Nal(p3);

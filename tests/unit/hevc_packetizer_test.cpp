@@ -35,7 +35,6 @@ void Headers(VideoHarness& h, const HevcVps& vps = {}, const HevcSps& sps = {},
 TEST(HevcPacketizer, ParameterSetsLeaveAloneThenThePicture) {
     VideoHarness h(kCodecHevc);
     ASSERT_EQ(h.init, 0);
-    EXPECT_EQ(h.packetizer.GetType(), VIDEO_PACKET_HEVC);
     Headers(h);
     h.Nal(Slice(19, 2));  // IDR_W_RADL
     h.Nal(Aud());
@@ -61,43 +60,35 @@ TEST(HevcPacketizer, SliceTypes) {
         const char* name;
         std::string slice;
         uint32_t flag;
+        HevcPps pps;
     };
     HevcSlice unknownPps;
     unknownPps.ppsId = 9;
+    HevcSlice withExtraBits;
+    withExtraBits.extraBits = 2;
+    HevcPps extraBitsAndOutputFlag;
+    extraBitsAndOutputFlag.extraBits = 2;
+    extraBitsAndOutputFlag.outputFlagPresent = true;
     const std::vector<Case> cases = {
-        {"CRA is a key picture", Slice(21, 2), BLOCK_FLAG_TYPE_I},
-        {"BLA is a key picture", Slice(16, 1), BLOCK_FLAG_TYPE_I},
-        {"P slice", Slice(1, 1), BLOCK_FLAG_TYPE_P},
-        {"B slice", Slice(1, 0), BLOCK_FLAG_TYPE_B},
-        {"I slice outside a random-access picture counts as B", Slice(1, 2), BLOCK_FLAG_TYPE_B},
-        {"unknown PPS", nal::Slice(unknownPps), BLOCK_FLAG_TYPE_B},
+        {"CRA is a key picture", Slice(21, 2), BLOCK_FLAG_TYPE_I, {}},
+        {"BLA is a key picture", Slice(16, 1), BLOCK_FLAG_TYPE_I, {}},
+        {"P slice", Slice(1, 1), BLOCK_FLAG_TYPE_P, {}},
+        {"B slice", Slice(1, 0), BLOCK_FLAG_TYPE_B, {}},
+        {"I slice outside a random-access picture counts as B", Slice(1, 2), BLOCK_FLAG_TYPE_B, {}},
+        {"unknown PPS", nal::Slice(unknownPps), BLOCK_FLAG_TYPE_B, {}},
+        {"extra slice header bits and an output flag", nal::Slice(withExtraBits), BLOCK_FLAG_TYPE_P,
+         extraBitsAndOutputFlag},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         VideoHarness h(kCodecHevc);
-        Headers(h);
+        Headers(h, {}, {}, c.pps);
         h.Nal(c.slice);
         h.Nal(Slice(1, 1));
         h.Nal(Slice(1, 1));
         ASSERT_EQ(h.out.size(), 4u);
         EXPECT_EQ(h.out[3]->GetFlags(), c.flag);
     }
-}
-
-TEST(HevcPacketizer, SliceHeaderWithExtraBitsAndOutputFlag) {
-    VideoHarness h(kCodecHevc);
-    HevcPps pps;
-    pps.extraBits = 2;
-    pps.outputFlagPresent = true;
-    Headers(h, {}, {}, pps);
-    HevcSlice s;
-    s.extraBits = 2;
-    s.sliceType = 1;
-    h.Nal(nal::Slice(s));
-    h.Nal(Slice(1, 1));
-    h.Nal(Slice(1, 1));
-    ASSERT_EQ(h.out.size(), 4u);
-    EXPECT_EQ(h.out[3]->GetFlags(), BLOCK_FLAG_TYPE_P);
 }
 
 TEST(HevcPacketizer, SegmentsOfOnePictureLeaveTogether) {
@@ -111,92 +102,48 @@ TEST(HevcPacketizer, SegmentsOfOnePictureLeaveTogether) {
     EXPECT_EQ(h.HevcTypes(3), (std::vector<int>{19, 19}));
 }
 
+// An SPS with a VUI: timing when timeScale is not 0, colour when primaries is not 0.
+HevcSps VuiSps(uint32_t unitsInTick, uint32_t timeScale, int primaries, int transfer, int matrix,
+               bool fullRange, bool interRps = false) {
+    HevcSps s;
+    s.vui = true;
+    s.vuiTiming = timeScale != 0;
+    s.unitsInTick = unitsInTick;
+    s.timeScale = timeScale;
+    s.colour = primaries != 0;
+    s.primaries = primaries;
+    s.transfer = transfer;
+    s.matrix = matrix;
+    s.fullRange = fullRange;
+    s.interRps = interRps;
+    return s;
+}
+
 TEST(HevcPacketizer, StreamFormatFromTheParameterSets) {
     struct Case {
         const char* name;
-        HevcVps vps;
+        bool vpsTiming;
         HevcSps sps;
         uint32_t rate, base, primaries, transfer, matrix, fullRange;
     };
-    auto sps = [](auto edit) {
-        HevcSps s;
-        edit(s);
-        return s;
-    };
-    HevcVps vpsTiming;
-    vpsTiming.timing = true;
-    const std::vector<Case> cases = {
-        {"timing from the SPS VUI",
-         {},
-         sps([](HevcSps& s) {
-             s.vui = true;
-             s.vuiTiming = true;
-         }),
-         30000,
-         1001,
-         0,
-         0,
-         0,
-         0},
-        {"no VUI: timing from the VPS, no colour", vpsTiming, sps([](HevcSps&) {}), 25, 1, 0, 0, 0,
-         0},
-        {"VUI without timing: timing from the VPS", vpsTiming, sps([](HevcSps& s) {
-             s.vui = true;
-             s.colour = true;
-         }),
-         25, 1, 3, 3, 2, 0},
-        {"BT.2020 PQ-less, full range",
-         {},
-         sps([](HevcSps& s) {
-             s.vui = true;
-             s.colour = true;
-             s.primaries = 9;
-             s.transfer = 8;
-             s.matrix = 9;
-             s.fullRange = true;
-         }),
-         0,
-         0,
-         4,
-         1,
-         3,
-         1},
-        {"BT.601",
-         {},
-         sps([](HevcSps& s) {
-             s.vui = true;
-             s.colour = true;
-             s.primaries = 6;
-             s.transfer = 4;
-             s.matrix = 5;
-         }),
-         0,
-         0,
-         2,
-         2,
-         1,
-         0},
+    const Case cases[] = {
+        {"timing from the SPS VUI", false, VuiSps(1001, 30000, 0, 0, 0, false), 30000, 1001, 0, 0,
+         0, 0},
+        {"no VUI: timing from the VPS, no colour", true, HevcSps{}, 25, 1, 0, 0, 0, 0},
+        {"VUI without timing: timing from the VPS", true, VuiSps(1, 0, 1, 1, 1, false), 25, 1, 3, 3,
+         2, 0},
+        {"BT.2020 PQ-less, full range", false, VuiSps(1, 0, 9, 8, 9, true), 0, 0, 4, 1, 3, 1},
+        {"BT.601", false, VuiSps(1, 0, 6, 4, 5, false), 0, 0, 2, 2, 1, 0},
         // The second set is predicted from the first: misread, the VUI behind it would be.
-        {"predicted reference picture sets",
-         {},
-         sps([](HevcSps& s) {
-             s.interRps = true;
-             s.vui = true;
-             s.vuiTiming = true;
-             s.unitsInTick = 1;
-             s.timeScale = 50;
-         }),
-         50,
-         1,
-         0,
-         0,
-         0,
-         0},
+        {"predicted reference picture sets", false, VuiSps(1, 50, 0, 0, 0, false, true), 50, 1, 0,
+         0, 0, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         VideoHarness h(kCodecHevc);
-        Headers(h, c.vps, c.sps);
+        HevcVps vps;
+        vps.timing = c.vpsTiming;
+        Headers(h, vps, c.sps);
         const video_format_t& v = h.stream.fmt.video;
         EXPECT_EQ(v.i_frame_rate, c.rate);
         EXPECT_EQ(v.i_frame_rate_base, c.base);
@@ -252,9 +199,7 @@ TEST(HevcPacketizer, ParameterSetsThatDoNotDecodeAreLoggedAndPassOn) {
         w.u(16, 0xffff);
         nal::HevcProfileTierLevel(w);
         w.bit(1);
-        w.ue(0);
-        w.ue(0);
-        w.ue(0);
+        w.ues({0, 0, 0});
         w.u(6, 0);
         w.ue(5000);
         w.trailing();

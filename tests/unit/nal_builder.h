@@ -1,4 +1,4 @@
-// Builders for crafted video units: a bit writer, emulation prevention, and small H.264,
+// Builders for crafted video units: emulation prevention, and small H.264,
 // HEVC and MPEG-4 Part 2 headers with just the fields the packetizer reads, so that a test
 // states the stream it means ("an SPS with a crop window") instead of opaque bytes.
 #pragma once
@@ -8,52 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "bit_writer.h"
 #include "core/mediablock.h"
 #include "packetizer/packetizer.h"
 
 namespace nal {
 
-class BitWriter {
-public:
-    void u(int bits, uint64_t value) {
-        for (int i = bits - 1; i >= 0; --i)
-            bit(static_cast<int>((value >> i) & 1));
-    }
-    void bit(int b) {
-        if (m_used % 8 == 0)
-            m_bytes.push_back(0);
-        if (b)
-            m_bytes.back() |= static_cast<uint8_t>(0x80 >> (m_used % 8));
-        ++m_used;
-    }
-    void ue(uint32_t v) {
-        const uint64_t code = uint64_t{v} + 1;
-        int bits = 0;
-        while ((code >> bits) > 1)
-            ++bits;
-        u(bits, 0);
-        u(bits + 1, code);
-    }
-    void se(int32_t v) {
-        const int64_t w = v;
-        ue(static_cast<uint32_t>(w > 0 ? 2 * w - 1 : -2 * w));
-    }
-    // rbsp_trailing_bits: a stop bit, then zeros to the byte end.
-    void trailing() {
-        bit(1);
-        while (m_used % 8)
-            bit(0);
-    }
-    void bytes(const std::string& raw) {
-        for (char c : raw)
-            u(8, static_cast<uint8_t>(c));
-    }
-    std::string str() const { return std::string(m_bytes.begin(), m_bytes.end()); }
-
-private:
-    std::vector<uint8_t> m_bytes;
-    int m_used = 0;
-};
+using testbits::BitWriter;
 
 // Inserts emulation-prevention bytes: 00 00 followed by 00..03 gets a 03 in between.
 inline std::string Escape(const std::string& rbsp) {
@@ -86,9 +47,6 @@ struct H264Sps {
     int profile = 66;
     int id = 0;
     int chromaFormat = 1;  // written for the high profiles only
-    int log2MaxFrameNumMinus4 = 0;
-    int pocType = 0;
-    int log2MaxPocLsbMinus4 = 2;
     bool frameMbsOnly = true;
     int widthMbs = 20;
     int heightMapUnits = 15;
@@ -109,16 +67,11 @@ inline std::string Sps(const H264Sps& o) {
         w.ue(static_cast<uint32_t>(o.chromaFormat));
         if (o.chromaFormat == 3)
             w.bit(0);
-        w.ue(0);
-        w.ue(0);
-        w.bit(0);
-        w.bit(0);  // no scaling matrices
+        w.ues({0, 0});
+        w.bits({0, 0});  // no scaling matrices
     }
-    w.ue(static_cast<uint32_t>(o.log2MaxFrameNumMinus4));
-    w.ue(static_cast<uint32_t>(o.pocType));
-    if (o.pocType == 0)
-        w.ue(static_cast<uint32_t>(o.log2MaxPocLsbMinus4));
-    w.ue(1);   // max_num_ref_frames
+    // Frame numbers of 4 bits, order count type 0 with 6-bit LSBs, one reference frame.
+    w.ues({0, 0, 2, 1});
     w.bit(0);  // gaps
     w.ue(static_cast<uint32_t>(o.widthMbs - 1));
     w.ue(static_cast<uint32_t>(o.heightMapUnits - 1));
@@ -152,26 +105,17 @@ inline std::string Sps(const H264Sps& o) {
 struct H264Pps {
     int id = 0;
     int spsId = 0;
-    bool bottomFieldPicOrder = false;
 };
 
 inline std::string Pps(const H264Pps& o) {
     BitWriter w;
     w.ue(static_cast<uint32_t>(o.id));
     w.ue(static_cast<uint32_t>(o.spsId));
-    w.bit(0);  // entropy_coding_mode_flag
-    w.bit(o.bottomFieldPicOrder);
-    w.ue(0);  // num_slice_groups_minus1
-    w.ue(0);
-    w.ue(0);
-    w.bit(0);
-    w.u(2, 0);
-    w.se(0);
-    w.se(0);
-    w.se(0);
-    w.bit(1);
-    w.bit(0);
-    w.bit(0);
+    w.bits({0, 0});     // CAVLC, no bottom-field order
+    w.ues({0, 0, 0});   // one slice group, one reference each way
+    w.bits({0, 0, 0});  // no weighted prediction
+    w.ues({0, 0, 0});   // QP and chroma offsets of 0 (se(0) is written as ue(0))
+    w.bits({1, 0, 0});
     w.trailing();
     return Bytes({0x68}) + Escape(w.str());
 }
@@ -184,8 +128,6 @@ struct H264Slice {
     int frameNum = 0;
     int idrPicId = 0;
     int pocLsb = 0;
-    int bottomField = -1;  // field slice when 0 or 1 (needs frameMbsOnly false)
-    int payloadBytes = 24;
 };
 
 inline std::string Slice(const H264Slice& o, const H264Sps& sps) {
@@ -193,17 +135,13 @@ inline std::string Slice(const H264Slice& o, const H264Sps& sps) {
     w.ue(0);  // first_mb_in_slice
     w.ue(static_cast<uint32_t>(o.sliceType));
     w.ue(static_cast<uint32_t>(o.ppsId));
-    w.u(sps.log2MaxFrameNumMinus4 + 4, static_cast<uint64_t>(o.frameNum));
-    if (!sps.frameMbsOnly) {
-        w.bit(o.bottomField >= 0);
-        if (o.bottomField >= 0)
-            w.bit(o.bottomField);
-    }
+    w.u(4, static_cast<uint64_t>(o.frameNum));
+    if (!sps.frameMbsOnly)
+        w.bit(0);  // a frame picture
     if (o.nalType == 5)
         w.ue(static_cast<uint32_t>(o.idrPicId));
-    if (sps.pocType == 0)
-        w.u(sps.log2MaxPocLsbMinus4 + 4, static_cast<uint64_t>(o.pocLsb));
-    for (int i = 0; i < o.payloadBytes; ++i)
+    w.u(6, static_cast<uint64_t>(o.pocLsb));
+    for (int i = 0; i < 24; ++i)
         w.u(8, 0xa5u ^ static_cast<unsigned>(i));
     w.trailing();
     return Bytes({(o.refIdc << 5) | o.nalType}) + Escape(w.str());
@@ -241,15 +179,13 @@ inline std::string HevcHeader(int type) {
 }
 
 struct HevcVps {
-    int id = 0;
-    bool timing = false;
-    uint32_t unitsInTick = 1;
-    uint32_t timeScale = 25;
+    bool timing = false;  // 25 pictures a second when written
 };
 
+// VPS id 0, one sub-layer, one layer set.
 inline std::string Vps(const HevcVps& o) {
     BitWriter w;
-    w.u(4, static_cast<uint64_t>(o.id));
+    w.u(4, 0);
     w.u(2, 3);
     w.u(6, 0);
     w.u(3, 0);  // max_sub_layers_minus1
@@ -257,15 +193,13 @@ inline std::string Vps(const HevcVps& o) {
     w.u(16, 0xffff);
     HevcProfileTierLevel(w);
     w.bit(1);
-    w.ue(4);
-    w.ue(2);
-    w.ue(0);
+    w.ues({4, 2, 0});
     w.u(6, 0);
     w.ue(0);
     w.bit(o.timing);
     if (o.timing) {
-        w.u(32, o.unitsInTick);
-        w.u(32, o.timeScale);
+        w.u(32, 1);
+        w.u(32, 25);
         w.bit(0);
         w.ue(0);
     }
@@ -301,54 +235,33 @@ inline std::string Sps(const HevcSps& o) {
     w.ue(o.width);
     w.ue(o.height);
     w.bit(o.confBottom != 0);
-    if (o.confBottom) {
-        w.ue(0);
-        w.ue(0);
-        w.ue(0);
-        w.ue(static_cast<uint32_t>(o.confBottom));
-    }
-    w.ue(0);
-    w.ue(0);
-    w.ue(4);  // log2_max_pic_order_cnt_lsb_minus4
+    if (o.confBottom)
+        w.ues({0, 0, 0, static_cast<uint32_t>(o.confBottom)});
+    w.ues({0, 0, 4});  // 8-bit samples, 8-bit POC LSBs
     w.bit(1);
-    w.ue(4);
-    w.ue(2);
-    w.ue(0);
-    w.ue(0);  // min CB 8
-    w.ue(3);  // CTB 64
-    w.ue(0);
-    w.ue(3);
-    w.ue(1);
-    w.ue(1);
-    w.bit(0);  // scaling lists
-    w.bit(1);
-    w.bit(1);
-    w.bit(0);  // pcm
+    w.ues({4, 2, 0});
+    w.ues({0, 3});  // min CB 8, CTB 64
+    w.ues({0, 3, 1, 1});
+    w.bits({0, 1, 1, 0});  // no scaling lists, no PCM
     if (o.interRps) {
         w.ue(2);
         // Set 0: two pictures before (-1, -3).
-        w.ue(2);
-        w.ue(0);
-        w.ue(0);
+        w.ues({2, 0, 0});
         w.bit(1);
         w.ue(1);
         w.bit(1);
         // Set 1 from set 0, shifted by -1: (-2, -4) and -1 itself.
         w.bit(1);
-        w.bit(1);  // delta_rps_sign: negative
-        w.ue(0);   // abs_delta_rps_minus1
-        for (int j = 0; j <= 2; ++j)
-            w.bit(1);  // used_by_curr_pic_flag
+        w.bit(1);           // delta_rps_sign: negative
+        w.ue(0);            // abs_delta_rps_minus1
+        w.bits({1, 1, 1});  // used_by_curr_pic_flag
     } else {
         w.ue(0);
     }
-    w.bit(0);  // long-term
-    w.bit(1);
-    w.bit(1);
+    w.bits({0, 1, 1});  // no long-term pictures
     w.bit(o.vui);
     if (o.vui) {
-        w.bit(0);  // aspect
-        w.bit(0);  // overscan
+        w.bits({0, 0});  // no aspect, no overscan
         w.bit(o.colour || o.fullRange);
         if (o.colour || o.fullRange) {
             w.u(3, 5);
@@ -360,17 +273,12 @@ inline std::string Sps(const HevcSps& o) {
                 w.u(8, static_cast<uint64_t>(o.matrix));
             }
         }
-        w.bit(0);
-        w.bit(0);
-        w.bit(0);
-        w.bit(0);
-        w.bit(0);  // default display window
+        w.bits({0, 0, 0, 0, 0});  // up to the default display window
         w.bit(o.vuiTiming);
         if (o.vuiTiming) {
             w.u(32, o.unitsInTick);
             w.u(32, o.timeScale);
-            w.bit(0);
-            w.bit(0);  // no HRD
+            w.bits({0, 0});  // no HRD
         }
         w.bit(0);  // bitstream restriction
     }
@@ -393,14 +301,10 @@ inline std::string Pps(const HevcPps& o) {
     w.bit(0);
     w.bit(o.outputFlagPresent);
     w.u(3, static_cast<uint64_t>(o.extraBits));
-    w.bit(0);
-    w.bit(0);
-    w.ue(0);
-    w.ue(0);
-    w.se(0);
+    w.bits({0, 0});
+    w.ues({0, 0, 0});  // the last is se(0)
     w.u(4, 0);
-    w.se(0);
-    w.se(0);
+    w.ues({0, 0});  // se(0) twice
     w.u(8, 0);
     w.ue(0);
     w.u(2, 0);
@@ -414,7 +318,6 @@ struct HevcSlice {
     int ppsId = 0;
     int extraBits = 0;
     int sliceType = 1;  // 0 B, 1 P, 2 I
-    int payloadBytes = 24;
 };
 
 inline std::string Slice(const HevcSlice& o) {
@@ -429,7 +332,7 @@ inline std::string Slice(const HevcSlice& o) {
     } else {
         w.u(5, 1);  // slice_segment_address of a 320x240 picture of 64x64 CTBs (20 CTBs)
     }
-    for (int i = 0; i < o.payloadBytes; ++i)
+    for (int i = 0; i < 24; ++i)
         w.u(8, 0x5au ^ static_cast<unsigned>(i));
     w.trailing();
     return HevcHeader(o.nalType) + Escape(w.str());
@@ -480,7 +383,6 @@ struct Vop {
     int moduloSeconds = 0;
     int increment = 0;
     bool marker = true;
-    int payloadBytes = 16;
 };
 
 inline std::string VopUnit(const Vop& o, const Vol& vol) {
@@ -495,7 +397,7 @@ inline std::string VopUnit(const Vop& o, const Vol& vol) {
         ++bits;
     w.u(bits, static_cast<uint64_t>(o.increment));
     w.bit(1);
-    for (int i = 0; i < o.payloadBytes; ++i)
+    for (int i = 0; i < 16; ++i)
         w.u(8, 0x3cu ^ static_cast<unsigned>(i));
     w.trailing();
     return Bytes({0, 0, 1, 0xb6}) + w.str();

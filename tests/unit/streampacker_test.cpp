@@ -14,18 +14,15 @@
 
 // Looks at the packer's waiting lists (frames queued for the packetize thread).
 struct StreamPackerInspector {
-    static std::vector<std::vector<uint8_t>> Waiting(StreamPacker& p, MediaES es) {
+    struct Frame {
+        std::vector<uint8_t> bytes;
+        long long pts;
+    };
+    static std::vector<Frame> Waiting(StreamPacker& p, MediaES es) {
         std::lock_guard<std::mutex> lock(p.m_mutex);
-        std::vector<std::vector<uint8_t>> out;
+        std::vector<Frame> out;
         for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
-            out.emplace_back(b->GetBuffer(), b->GetBuffer() + b->GetBufferSize());
-        return out;
-    }
-    static std::vector<long long> WaitingPts(StreamPacker& p, MediaES es) {
-        std::lock_guard<std::mutex> lock(p.m_mutex);
-        std::vector<long long> out;
-        for (MediaBlock* b : es == VIDEO_ES ? p.m_lstVideo : p.m_lstAudio)
-            out.push_back(b->GetPTS());
+            out.push_back({{b->GetBuffer(), b->GetBuffer() + b->GetBufferSize()}, b->GetPTS()});
         return out;
     }
 };
@@ -33,25 +30,23 @@ struct StreamPackerInspector {
 namespace {
 
 // Records what reaches the host: stream, bytes, times, offset and the delivering thread.
+// Tests declare it before the packer: it must outlive the packetize thread.
 class RecordingHandler : public MediaDataHandler {
 public:
     struct Delivery {
         int es;
-        uint32_t codec;
         std::vector<uint8_t> bytes;
         long long pts;
         long long length;
         int vdoOft;
-        uint32_t flags;
         pthread_t thread;
     };
     int ProcessMediaBlock(ESFormat& format, MediaBlock* block) override {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_deliveries.push_back(
-            {format.i_cat, format.i_codec,
+            {format.i_cat,
              std::vector<uint8_t>(block->GetBuffer(), block->GetBuffer() + block->GetBufferSize()),
-             block->GetPTS(), block->GetLength(), block->GetVdoOft(), block->GetFlags(),
-             pthread_self()});
+             block->GetPTS(), block->GetLength(), block->GetVdoOft(), pthread_self()});
         delete block;
         return refuse ? 7 : 0;
     }
@@ -110,8 +105,8 @@ int Feed(StreamPacker& p, MediaES es, const std::string& bytes, long long us,
 
 TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
     ScriptedClock clock;
-    StreamPacker packer(Param(5, false, true, 12));
     RecordingHandler handler;
+    StreamPacker packer(Param(5, false, true, 12));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecMxpg), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_TRUE(packer.IsPassThrough());
@@ -130,8 +125,8 @@ TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
 
 TEST(StreamPacker, UnknownMediumAndUnwantedAudioAreSkipped) {
     LogCapture log;
-    StreamPacker packer(Param(1, false, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(1, false, false));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecJpeg), ESFormat());
     EXPECT_EQ(Feed(packer, static_cast<MediaES>(3), "x", 1), 0);
@@ -143,8 +138,8 @@ TEST(StreamPacker, UnknownMediumAndUnwantedAudioAreSkipped) {
 
 TEST(StreamPacker, PacketizesOnTheCallersThreadWithTimesPatched) {
     ScriptedClock clock;
-    StreamPacker packer(Param(3, true, false, 4));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false, 4));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_FALSE(packer.IsMetaMode());
@@ -166,8 +161,8 @@ TEST(StreamPacker, PacketizesOnTheCallersThreadWithTimesPatched) {
 }
 
 TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     handler.refuse = true;
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecUlaw));
@@ -176,8 +171,8 @@ TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
 }
 
 TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     packer.SetDataHandler(&handler);
     // An unknown codec: the video packetizer releases every frame and outputs nothing.
     packer.InitPackers(Format(VIDEO_ES, FourCC("wxyz")), Format(AUDIO_ES, kCodecAlaw));
@@ -203,8 +198,8 @@ TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
 
 TEST(StreamPacker, MissingPacketizerIsReported) {
     LogCapture log;
-    StreamPacker packer(Param(3, true, false));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
     packer.SetDataHandler(&handler);
     // Never initialised: no packetizers exist.
     EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 1000), FETCH_CONN_CLOSED);
@@ -221,22 +216,21 @@ TEST(StreamPacker, FramesAreWrappedByCodec) {
     EXPECT_EQ(Feed(packer, AUDIO_ES, amr, (1LL << 40) * 1000000 + 5, 0x3C), 1);
     auto video = StreamPackerInspector::Waiting(packer, VIDEO_ES);
     ASSERT_EQ(video.size(), 1u);
-    EXPECT_EQ(video[0].size(), 14u);
-    EXPECT_EQ(0, memcmp(video[0].data(), "\x00\x00\x00\x01\x41", 5));
+    EXPECT_EQ(video[0].bytes.size(), 14u);
+    EXPECT_EQ(0, memcmp(video[0].bytes.data(), "\x00\x00\x00\x01\x41", 5));
     auto audio = StreamPackerInspector::Waiting(packer, AUDIO_ES);
     ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].size(), 32u);
-    EXPECT_EQ(audio[0][0], 0x3C);
-    EXPECT_EQ(StreamPackerInspector::WaitingPts(packer, AUDIO_ES)[0],
-              ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
+    EXPECT_EQ(audio[0].bytes.size(), 32u);
+    EXPECT_EQ(audio[0].bytes[0], 0x3C);
+    EXPECT_EQ(audio[0].pts, ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
     camfetch_host::ThreadFailNextCreates(0);
 }
 
 TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
     LogCapture log;
     camfetch_host::ThreadFailNextCreates(1);
-    StreamPacker packer(Param(3, true, true));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, true));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     EXPECT_EQ(log.Count("Failed to create packetize thread."), 1);
@@ -249,8 +243,8 @@ TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
 }
 
 TEST(StreamPacker, MetaModeDeliversInOrderOnThePacketizeThread) {
-    StreamPacker packer(Param(3, true, true));
     RecordingHandler handler;
+    StreamPacker packer(Param(3, true, true));
     packer.SetDataHandler(&handler);
     packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     ASSERT_TRUE(packer.IsMetaMode());
@@ -268,8 +262,8 @@ TEST(StreamPacker, MetaModeDeliversInOrderOnThePacketizeThread) {
 
 TEST(StreamPacker, MetaModeStopsPromptlyWithFramesInFlight) {
     for (int round = 0; round < 5; ++round) {
-        StreamPacker packer(Param(3, true, true));
         RecordingHandler handler;
+        StreamPacker packer(Param(3, true, true));
         packer.SetDataHandler(&handler);
         packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
         for (int i = 0; i < 200; ++i) {
