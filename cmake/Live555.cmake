@@ -34,9 +34,22 @@ set(CAMFETCH_NEED_GLIBC_COMPAT OFF)
 # A system live555 wins; the fetched tree is used otherwise.  The fetch script
 # is cheap once done, so it runs on every configure that uses the tree: a
 # deleted .deps comes back instead of leaving stale cached paths.
+# The .pc files name the tree by its real path, which differs from the prefix when
+# .deps is a link (a worktree sharing another checkout's fetch).
+file(REAL_PATH "${CAMFETCH_LIVE555_PREFIX}" _live555_prefix_real)
+function(_live555_in_prefix result)
+  string(FIND "${LIVE555_LIBRARY_DIRS};" "${CAMFETCH_LIVE555_PREFIX}/" _at)
+  string(FIND "${LIVE555_LIBRARY_DIRS};" "${_live555_prefix_real}/" _at_real)
+  if(_at EQUAL 0 OR _at_real EQUAL 0)
+    set(${result} ON PARENT_SCOPE)
+  else()
+    set(${result} OFF PARENT_SCOPE)
+  endif()
+endfunction()
+
 pkg_check_modules(LIVE555 QUIET live555)
-string(FIND "${LIVE555_LIBRARY_DIRS};" "${CAMFETCH_LIVE555_PREFIX}/" _live555_at)
-if(NOT LIVE555_FOUND OR _live555_at EQUAL 0)
+_live555_in_prefix(_live555_in_tree)
+if(NOT LIVE555_FOUND OR _live555_in_tree)
   if(CAMFETCH_FETCH_LIVE555)
     execute_process(COMMAND bash "${_live555_repo}/scripts/fetch_live555.sh"
       RESULT_VARIABLE _live555_fetch_result)
@@ -54,12 +67,7 @@ if(NOT LIVE555_FOUND)
   return()
 endif()
 
-string(FIND "${LIVE555_LIBRARY_DIRS};" "${CAMFETCH_LIVE555_PREFIX}/" _live555_at)
-if(_live555_at EQUAL 0)
-  set(LIVE555_FETCHED ON)
-else()
-  set(LIVE555_FETCHED OFF)
-endif()
+_live555_in_prefix(LIVE555_FETCHED)
 
 # Full paths, so CMake puts their directory into the build RPATH by itself.
 set(_live555_libraries)
