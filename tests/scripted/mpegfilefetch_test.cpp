@@ -95,35 +95,29 @@ protected:
     }
 };
 
-TEST_F(MpegFileFetcher, MdatPayloadsAreThePartsAndAvcCGivesAnnexBExtraData) {
-    const std::string mdat1(3000, 'a'), mdat2(70000, 'b');
-    Serve(Box("ftyp", "isomiso2avc1mp41") + Moov(AvcC(kSps, kPps)) + Box("moof", "m1") +
-          Box("mdat", mdat1) + Box("moof", "m2") + Box("mdat", mdat2));
-    auto f = Make();
-    EXPECT_EQ(f->TestConnect(), 0);
-    EXPECT_EQ(NextPart(*f), mdat1);
-    ESFormat video;
-    EXPECT_EQ(f->GetVideoFormat(video), 0);
-    EXPECT_EQ(video.i_codec, kCodecAvc1);
-    EXPECT_EQ(video.strDescription, "AVC1");
-    const std::string annexB =
-        std::string("\0\0\0\1", 4) + kSps + std::string("\0\0\0\1", 4) + kPps;
-    ASSERT_EQ(video.i_extra, static_cast<int>(annexB.size()));
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(video.p_extra), video.i_extra), annexB);
-    EXPECT_EQ(NextPart(*f), mdat2);
-    EXPECT_EQ(scriptedhttp::Requests().size(), 1u) << "one GET for the whole walk";
-}
-
-TEST_F(MpegFileFetcher, EsdsGivesItsDecoderSpecificInfo) {
+TEST_F(MpegFileFetcher, MdatPayloadsAreThePartsAndTheCodecBoxGivesTheExtraData) {
+    const std::string startCode("\0\0\0\1", 4);
     const std::string dsi("\x00\x00\x01\xb0\x01\x00\x00\x01\xb5\x89", 10);
-    Serve(Box("ftyp", "iso5") + Moov(Esds(dsi)) + Box("moof", "") + Box("mdat", "xyz"));
-    auto f = Make(2);
-    EXPECT_EQ(NextPart(*f), "xyz");
-    ESFormat video;
-    f->GetVideoFormat(video);
-    EXPECT_EQ(video.i_codec, kCodecMp4v);
-    EXPECT_EQ(video.strDescription, "MP4V-ES");
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(video.p_extra), video.i_extra), dsi);
+    struct Case {
+        int mode;
+        std::string config, extra;
+    } cases[] = {{3, AvcC(kSps, kPps), startCode + kSps + startCode + kPps}, {2, Esds(dsi), dsi}};
+    const std::string mdat1(3000, 'a'), mdat2(70000, 'b');
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.mode);
+        scriptedhttp::Clear();
+        Serve(Box("ftyp", "isomiso2avc1mp41") + Moov(c.config) + Box("moof", "m1") +
+              Box("mdat", mdat1) + Box("moof", "") + Box("mdat", mdat2));
+        auto f = Make(c.mode);
+        EXPECT_EQ(f->TestConnect(), 0);
+        EXPECT_EQ(NextPart(*f), mdat1);
+        ESFormat video;
+        EXPECT_EQ(f->GetVideoFormat(video), 0);
+        ASSERT_EQ(video.i_extra, static_cast<int>(c.extra.size()));
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(video.p_extra), video.i_extra), c.extra);
+        EXPECT_EQ(NextPart(*f), mdat2);
+        EXPECT_EQ(scriptedhttp::Requests().size(), 1u) << "one GET for the whole walk";
+    }
 }
 
 TEST_F(MpegFileFetcher, ModesPickTheCodec) {

@@ -106,7 +106,7 @@ public:
     std::vector<Delivery> deliveries;
 };
 
-// Answers the start and stop notices and records them; media blocks are counted and freed.
+// Answers the start and stop notices and records them; media blocks are freed.
 class NoticeHandler : public MediaDataHandler {
 public:
     explicit NoticeHandler(Json::Value startReply = SuccessReply())
@@ -133,9 +133,7 @@ public:
         initVideo.push_back(video);
         initAudio.push_back(audio);
     }
-    int ProcessMediaBlock(ESFormat& format, MediaBlock* block) override {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        ++blocks[format.i_cat == 2 ? 1 : 0];
+    int ProcessMediaBlock(ESFormat&, MediaBlock* block) override {
         delete block;
         return 0;
     }
@@ -150,7 +148,6 @@ public:
     std::vector<Json::Value> notices;
     std::vector<ESFormat> initVideo;
     std::vector<ESFormat> initAudio;
-    int blocks[2] = {0, 0};
 
 private:
     std::mutex m_mutex;

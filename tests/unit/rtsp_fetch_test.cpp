@@ -38,14 +38,6 @@ TEST(RtspReceiver, UrlFromHostPortAndPath) {
         EXPECT_EQ(RtspReceiver::BuildUrl(c.host, c.port, c.path), c.url);
 }
 
-TEST(RtspReceiver, AutoModeTriesUdpThenTcpThenHttp) {
-    EXPECT_EQ(RtspReceiver::NextAutoProtocol(RTSP_PROTOCOL_AUTO), RTSP_PROTOCOL_UDP);
-    EXPECT_EQ(RtspReceiver::NextAutoProtocol(RTSP_PROTOCOL_UDP), RTSP_PROTOCOL_TCP);
-    EXPECT_EQ(RtspReceiver::NextAutoProtocol(RTSP_PROTOCOL_TCP), RTSP_PROTOCOL_HTTP);
-    EXPECT_EQ(RtspReceiver::NextAutoProtocol(RTSP_PROTOCOL_HTTP), RTSP_PROTOCOL_UDP);
-    EXPECT_EQ(RtspReceiver::NextAutoProtocol(0), RTSP_PROTOCOL_UDP);
-}
-
 TEST(RtspReceiver, InitNeedsHostAndNonNegativePort) {
     struct Case {
         const char* host;

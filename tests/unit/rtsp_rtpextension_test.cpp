@@ -21,18 +21,8 @@ struct PacketShape {
 };
 
 Bytes MakePacket(const PacketShape& s) {
-    Bytes p = {static_cast<uint8_t>(s.version << 6 | (s.x ? 0x10 : 0) | s.csrcs),
-               0x60,
-               0x12,
-               0x34,
-               0,
-               0,
-               0x10,
-               0,
-               0xDE,
-               0xAD,
-               0xBE,
-               0xEF};
+    const auto first = static_cast<uint8_t>(s.version << 6 | (s.x ? 0x10 : 0) | s.csrcs);
+    Bytes p = {first, 0x60, 0x12, 0x34, 0, 0, 0x10, 0, 0xDE, 0xAD, 0xBE, 0xEF};
     for (int i = 0; i < s.csrcs; ++i)
         p.insert(p.end(), {0xC0, 0xC1, 0xC2, static_cast<uint8_t>(i)});
     if (s.withExtensionHeader) {

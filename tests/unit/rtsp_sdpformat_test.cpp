@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -15,23 +16,13 @@ std::string Base64(const Bytes& bytes) {
     static const char* kAlphabet =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string out;
-    size_t i = 0;
-    for (; i + 2 < bytes.size(); i += 3) {
-        uint32_t v = bytes[i] << 16 | bytes[i + 1] << 8 | bytes[i + 2];
-        for (int s = 18; s >= 0; s -= 6)
-            out += kAlphabet[(v >> s) & 63];
-    }
-    if (i + 1 == bytes.size()) {
-        uint32_t v = bytes[i] << 16;
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += "==";
-    } else if (i + 2 == bytes.size()) {
-        uint32_t v = bytes[i] << 16 | bytes[i + 1] << 8;
-        out += kAlphabet[(v >> 18) & 63];
-        out += kAlphabet[(v >> 12) & 63];
-        out += kAlphabet[(v >> 6) & 63];
-        out += '=';
+    for (size_t i = 0; i < bytes.size(); i += 3) {
+        const size_t n = std::min<size_t>(bytes.size() - i, 3);
+        uint32_t v = 0;
+        for (size_t k = 0; k < 3; ++k)
+            v = v << 8 | (k < n ? bytes[i + k] : 0);
+        for (size_t k = 0; k < 4; ++k)
+            out += k <= n ? kAlphabet[(v >> (18 - 6 * k)) & 63] : '=';
     }
     return out;
 }
@@ -168,35 +159,34 @@ TEST(SdpVideoFormat, CodecNamesMapToCodes) {
     }
 }
 
-TEST(SdpVideoFormat, H264ParameterSetsWithBaselineAnnouncedAsMain) {
+TEST(SdpVideoFormat, H264ExtraFromTheParameterSets) {
+    auto sprop = [](uint8_t profile) { return Base64(Sps(profile)) + "," + Base64(kPps); };
     struct Case {
-        uint8_t profile;
-        uint8_t announced;
+        const char* what;
+        std::string sprop;
+        bool drop;
+        Bytes extra;
     };
-    for (Case c : {Case{66, 77}, Case{77, 77}, Case{100, 100}, Case{88, 88}}) {
+    const Case cases[] = {
+        {"baseline announced as main", sprop(66), false, AnnexB({Sps(77), kPps})},
+        {"main", sprop(77), false, AnnexB({Sps(77), kPps})},
+        {"high", sprop(100), false, AnnexB({Sps(100), kPps})},
+        {"extended", sprop(88), false, AnnexB({Sps(88), kPps})},
+        {"no parameter sets", "", false, {}},
+        {"dropped", sprop(66), true, {}},
+        {"one-byte unit leaves no profile to relabel", Base64({0x67}), false, AnnexB({{0x67}})},
+    };
+    for (const Case& c : cases) {
         SdpMediaDesc desc = Video("H264");
-        desc.spropParameterSets = Base64(Sps(c.profile)) + "," + Base64(kPps);
+        desc.spropParameterSets = c.sprop;
         ESFormat fmt;
-        MapSdpVideoFormat(desc, false, fmt);
-        Bytes expected = AnnexB({Sps(c.announced), kPps});
-        EXPECT_EQ(Extra(fmt), expected) << int(c.profile);
+        MapSdpVideoFormat(desc, c.drop, fmt);
+        EXPECT_EQ(fmt.i_codec, kCodecH264) << c.what;
+        EXPECT_EQ(Extra(fmt), c.extra) << c.what;
+        if (c.extra.empty()) {
+            EXPECT_EQ(fmt.p_extra, nullptr) << c.what;
+        }
     }
-}
-
-TEST(SdpVideoFormat, H264WithoutParameterSetsOrDroppedHasNoExtra) {
-    SdpMediaDesc desc = Video("H264");
-    ESFormat fmt;
-    MapSdpVideoFormat(desc, false, fmt);
-    EXPECT_EQ(fmt.i_extra, 0);
-    desc.spropParameterSets = Base64(Sps(66)) + "," + Base64(kPps);
-    MapSdpVideoFormat(desc, true, fmt);
-    EXPECT_EQ(fmt.i_codec, kCodecH264);
-    EXPECT_EQ(fmt.i_extra, 0);
-    EXPECT_EQ(fmt.p_extra, nullptr);
-    // A single byte NAL leaves no profile to relabel.
-    desc.spropParameterSets = Base64({0x67});
-    MapSdpVideoFormat(desc, false, fmt);
-    EXPECT_EQ(Extra(fmt), AnnexB({{0x67}}));
 }
 
 TEST(SdpVideoFormat, HevcNeedsAllThreeParameterSets) {
