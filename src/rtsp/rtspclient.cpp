@@ -111,7 +111,6 @@ void MetaDataRTSPClient::FireShutdown() {
     if (m_bClosing || !m_shutdownTrigger)
         return;
     envir().taskScheduler().triggerEvent(m_shutdownTrigger, this);
-    m_receiver.Wake();
 }
 
 void MetaDataRTSPClient::ShutdownTriggered(void* clientData) {

@@ -3,21 +3,13 @@
 #include <BasicUsageEnvironment.hh>
 #include <liveMedia.hh>
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cstdint>
-
 #include "core/log.h"
 #include "rtsp/logenvironment.h"
+#include "rtsp/pollscheduler.h"
 #include "rtsp/rtspclient.h"
 #include "rtsp/socketbatch.h"
 
 namespace {
-// The loop is woken through the wake-up descriptor whenever a trigger is fired, so it needs
-// no short tick to notice triggers (a 10 ms tick costs a hundred wake-ups a second per stream).
-// The tick left only bounds a wake-up that could ever be missed.
-constexpr unsigned kSchedulerGranularityUs = 1000000;
 constexpr char kWatchRunning = 0;
 constexpr char kWatchStop = -1;
 }  // namespace
@@ -29,15 +21,9 @@ RtspReceiver::RtspReceiver()
       m_iResultCode(-1),
       m_bFixProtocol(false),
       m_bStopRequested(false),
-      m_watch(kWatchRunning),
-      m_wakeFd(-1) {}
+      m_watch(kWatchRunning) {}
 
 RtspReceiver::~RtspReceiver() {
-    if (m_wakeFd >= 0) {
-        if (m_pScheduler)
-            m_pScheduler->turnOffBackgroundReadHandling(m_wakeFd);
-        close(m_wakeFd);
-    }
     if (m_pEnv && !m_pEnv->reclaim())
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING, "Rtsp env still holds media, not reclaimed.\n");
     delete m_pScheduler;
@@ -47,12 +33,9 @@ RtspReceiver::~RtspReceiver() {
 
 int RtspReceiver::Init(const RTSP_RECV_PARAM& param) {
     if (!m_pScheduler) {
-        m_pScheduler = BasicTaskScheduler::createNew(kSchedulerGranularityUs);
+        m_pScheduler = PollTaskScheduler::createNew();
         if (m_pScheduler)
             m_pEnv = LogUsageEnvironment::createNew(*m_pScheduler);
-        m_wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-        if (m_pScheduler && m_wakeFd >= 0)
-            m_pScheduler->turnOnBackgroundReadHandling(m_wakeFd, DrainWake, this);
     }
     socketbatch::Install();
     if (param.Host.empty() || param.Port < 0 || !m_pEnv) {
@@ -156,22 +139,6 @@ void RtspReceiver::StopRecvLoop(bool stopAll) {
         return;
     for (RTSPClient* c : m_clients)
         static_cast<MetaDataRTSPClient*>(c)->FireShutdown();
-}
-
-void RtspReceiver::Wake() {
-    if (m_wakeFd < 0)
-        return;
-    const uint64_t one = 1;
-    // A full counter is as good as a write: the loop is awake either way.
-    if (write(m_wakeFd, &one, sizeof one) < 0)
-        return;
-}
-
-void RtspReceiver::DrainWake(void* clientData, int) {
-    auto* receiver = static_cast<RtspReceiver*>(clientData);
-    uint64_t count;
-    if (read(receiver->m_wakeFd, &count, sizeof count) < 0)
-        return;
 }
 
 void RtspReceiver::InsertClient(RTSPClient* client) {

@@ -44,9 +44,6 @@ public:
     RTSP_RECV_PARAM GetRecvParam() const { return m_param; }
     int CurrentProtocol() const { return m_param.Protocol; }
 
-    // Makes the event loop look at its triggers now; from any thread.
-    void Wake();
-
     // Maintained by MetaDataRTSPClient's constructor and destructor only.
     void InsertClient(RTSPClient* client);
     void EraseClient(RTSPClient* client);
@@ -59,7 +56,6 @@ public:
 private:
     friend class MetaDataRTSPClient;  // retires its trigger under m_clientsMutex
     void CloseAllClients();
-    static void DrainWake(void* clientData, int mask);
 
     RTSP_RECV_PARAM m_param;
     ReceiverCtrler* m_pCtrler;
@@ -74,7 +70,4 @@ private:
     // removal against the firing of its trigger, so no trigger outlives its client.
     std::mutex m_clientsMutex;
     std::set<RTSPClient*> m_clients;
-    // An eventfd in the loop's socket set: written after every trigger, so that the loop
-    // handles it at once instead of at its next tick.
-    int m_wakeFd;
 };

@@ -17,7 +17,8 @@
 namespace socketbatch {
 namespace {
 
-constexpr int kMaxFd = FD_SETSIZE;  // live555 waits with select: no higher descriptor works
+// Sockets numbered higher are read unbatched.
+constexpr int kMaxFd = 65536;
 constexpr size_t kChunk = 64 * 1024;
 
 // The buffered reads of one socket, used by its owner thread only.
@@ -32,8 +33,6 @@ struct ReadBuffer {
 
 std::atomic<ReadBuffer*> g_batches[kMaxFd];
 std::atomic<bool> g_installed{false};
-// The descriptors the calling thread batches, for Select.
-thread_local std::vector<int> t_batched;
 
 ReadBuffer* Owned(int fd) {
     if (fd < 0 || fd >= kMaxFd)
@@ -43,7 +42,8 @@ ReadBuffer* Owned(int fd) {
 }
 
 // live555's imports redirected here: which library, which symbol, and whether batching is
-// unsafe without it (a read buffer that select does not know about would stall the loop).
+// unsafe without it (a socket closed behind the buffer's back would leave its bytes to the
+// next socket of that number).
 struct Import {
     const char* library;
     const char* symbol;
@@ -74,34 +74,6 @@ ssize_t RecvFrom(int fd, void* buffer, size_t length, int flags, sockaddr* from,
     return static_cast<ssize_t>(n);
 }
 
-int Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout) {
-    if (readSet && !t_batched.empty()) {
-        fd_set ready;
-        FD_ZERO(&ready);
-        int count = 0;
-        for (int fd : t_batched) {
-            if (fd >= nfds || !FD_ISSET(fd, readSet))
-                continue;
-            ReadBuffer* b = g_batches[fd].load(std::memory_order_relaxed);
-            if (b && b->begin < b->end) {
-                FD_SET(fd, &ready);
-                ++count;
-            }
-        }
-        // Buffered bytes are ready at once; the other sockets wait for the next round,
-        // which comes as soon as the buffer has been read.
-        if (count > 0) {
-            *readSet = ready;
-            if (writeSet)
-                FD_ZERO(writeSet);
-            if (exceptSet)
-                FD_ZERO(exceptSet);
-            return count;
-        }
-    }
-    return ::select(nfds, readSet, writeSet, exceptSet, timeout);
-}
-
 int GetPeerName(int fd, sockaddr* address, socklen_t* length) {
     ReadBuffer* b = Owned(fd);
     if (!b || b->peerLength == 0 || !address || !length)
@@ -130,7 +102,6 @@ bool Install() {
         }
         const Import imports[] = {
             {"libgroupsock.so", "recvfrom", reinterpret_cast<void*>(RecvFrom), true},
-            {"libBasicUsageEnvironment.so", "select", reinterpret_cast<void*>(Select), true},
             {"libliveMedia.so", "close", reinterpret_cast<void*>(Close), true},
             {"libgroupsock.so", "close", reinterpret_cast<void*>(Close), true},
             {"libliveMedia.so", "getpeername", reinterpret_cast<void*>(GetPeerName), false},
@@ -147,7 +118,7 @@ bool Install() {
             for (void** slot : slots)
                 redirects.emplace_back(slot, i.replacement);
         }
-        // All or nothing: a batched read that select does not know about would stall.
+        // All or nothing.
         std::vector<std::pair<void**, void*>> done;
         for (const auto& [slot, replacement] : redirects) {
             void* original = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
@@ -184,15 +155,17 @@ void Batch(int fd) {
     if (::getpeername(fd, reinterpret_cast<sockaddr*>(&b->peer), &b->peerLength) != 0)
         b->peerLength = 0;
     delete g_batches[fd].exchange(b, std::memory_order_acq_rel);
-    if (std::find(t_batched.begin(), t_batched.end(), fd) == t_batched.end())
-        t_batched.push_back(fd);
 }
 
 void Release(int fd) {
     if (!Owned(fd))
         return;
     delete g_batches[fd].exchange(nullptr, std::memory_order_acq_rel);
-    t_batched.erase(std::remove(t_batched.begin(), t_batched.end(), fd), t_batched.end());
+}
+
+bool Buffered(int fd) {
+    const ReadBuffer* b = Owned(fd);
+    return b && b->begin < b->end;
 }
 
 }  // namespace socketbatch

@@ -2,15 +2,13 @@
 // connection a few bytes at a time: one recvfrom per header byte, one per packet, a select and
 // a getpeername in between, some eight system calls per RTP packet, which is most of what a
 // TCP stream costs. For the sockets it is told about, this layer serves live555's recvfrom
-// from a user-space buffer filled by one large recv, and answers live555's select at once while
-// that buffer holds data. It is put under live555 alone (its libraries' import slots for
-// recvfrom, select, getpeername and close), for the thread that registered the socket; every
-// other caller and socket goes straight to the system.
+// from a user-space buffer filled by one large recv; the receiver's event loop (pollscheduler.h)
+// treats a socket whose buffer holds data as ready. It is put under live555 alone (its
+// libraries' import slots for recvfrom, getpeername and close), for the thread that registered
+// the socket; every other caller and socket goes straight to the system.
 #pragma once
 
-#include <sys/select.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace socketbatch {
 
@@ -22,11 +20,12 @@ bool Installed();
 // or when live555 closes the socket.
 void Batch(int fd);
 void Release(int fd);
+// True when the calling thread batches `fd` and bytes of it wait in the buffer.
+bool Buffered(int fd);
 
 // The replacements themselves (public for tests).
 ssize_t RecvFrom(int fd, void* buffer, size_t length, int flags, sockaddr* from,
                  socklen_t* fromLength);
-int Select(int nfds, fd_set* readSet, fd_set* writeSet, fd_set* exceptSet, timeval* timeout);
 int GetPeerName(int fd, sockaddr* address, socklen_t* length);
 int Close(int fd);
 

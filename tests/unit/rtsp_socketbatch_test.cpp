@@ -1,10 +1,12 @@
-// Batched reads under live555: small reads served from one large read, select answered from
-// the buffer, and everything else (other threads, flags, closed sockets) left to the system.
+// Batched reads under live555: small reads served from one large read, buffered bytes ready
+// without the kernel, and everything else (other threads, flags, closed sockets) left to the
+// system.
 #include "rtsp/socketbatch.h"
 
 #include <BasicUsageEnvironment.hh>
 #include <GroupsockHelper.hh>
 
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -37,13 +39,12 @@ protected:
         ioctl(m_fds[0], FIONREAD, &n);
         return n;
     }
+    // What the event loop sees: bytes in this thread's buffer, else the kernel's answer.
     int Ready(int fd) {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(fd, &set);
-        timeval zero{0, 0};
-        const int n = socketbatch::Select(fd + 1, &set, nullptr, nullptr, &zero);
-        return n > 0 && FD_ISSET(fd, &set) ? 1 : n;
+        if (socketbatch::Buffered(fd))
+            return 1;
+        pollfd p{fd, POLLIN, 0};
+        return poll(&p, 1, 0);
     }
     std::string Read(size_t n) {
         std::string out(n, '\0');
