@@ -3,6 +3,9 @@
 // authentication retries), servers that never answer, close mid-session or send BYE storms,
 // hostile SDP and damaged RTP.
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -331,6 +334,34 @@ TEST_P(ScriptedTransport, ByeStormEndsTheSessionOnce) {
     EXPECT_EQ(log.Count("Received RTCP \"BYE\""), 1);
     EXPECT_EQ(log.Count("Closing the stream"), 1);
     EXPECT_GT(recorder.Frames().size(), 10u);
+}
+
+// A recorder with many files open hands its sessions descriptors past select()'s limit.
+TEST_P(ScriptedTransport, SessionOnDescriptorsPastTheSelectLimitReceives) {
+    Serve();
+    rlimit limit{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t wanted = FD_SETSIZE + 256;
+    if (limit.rlim_max < wanted)
+        GTEST_SKIP() << "descriptor limit " << limit.rlim_max;
+    if (limit.rlim_cur < wanted) {
+        limit.rlim_cur = wanted;
+        ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    }
+    std::vector<int> filler;
+    while (filler.empty() || filler.back() < FD_SETSIZE + 16) {
+        const int fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (fd < 0)
+            break;
+        filler.push_back(fd);
+    }
+    RtspReceiver receiver;
+    ASSERT_EQ(receiver.Init(RecvParam(GetParam())), 0);
+    FrameRecorder recorder(30);
+    RecvFor(receiver, recorder, 10);
+    for (int fd : filler)
+        close(fd);
+    EXPECT_EQ(recorder.Frames("video").size(), 30u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, ScriptedTransport,
