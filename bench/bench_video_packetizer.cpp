@@ -137,9 +137,10 @@ void Report(benchmark::State& state, const Input& in, int64_t pictures) {
                            benchmark::Counter::kIsRate);
 }
 
-// (a) one NAL unit per frame through the stream packer's wrapping (copy behind a start code,
-// receive time, Packetize until null); every output is released as the host would.
-void OursRtsp(benchmark::State& state, Input* in) {
+// Runs a fresh packetizer over the input once per iteration; `feed` hands it the input and
+// every output goes to the sink, which counts pictures and releases blocks as the host would.
+template <typename Feed>
+void RunOurs(benchmark::State& state, Input* in, Feed feed) {
     if (!in->error.empty()) {
         state.SkipWithError(in->error.c_str());
         return;
@@ -155,52 +156,45 @@ void OursRtsp(benchmark::State& state, Input* in) {
             pictures += (b->GetFlags() & BLOCK_FLAG_TYPE_MASK) != 0;
             delete b;
         };
+        feed(packetizer, stream, sink);
+        packetizer.FreePacket(&stream);
+    }
+    Report(state, *in, pictures);
+}
+
+// (a) one NAL unit per frame through the stream packer's wrapping (copy behind a start code,
+// receive time, Packetize until null).
+void OursRtsp(benchmark::State& state, Input* in) {
+    RunOurs(state, in, [in](Mpeg4VideoPacketizer& packetizer, PACK_STREAM& stream, auto& sink) {
         int64_t t = 1000000;
         for (const auto& f : in->frames) {
             testsupport::FeedFrame(packetizer, stream, in->data.data() + f.first, f.second, t,
                                    sink);
             t += kFrameUs;
         }
-        packetizer.FreePacket(&stream);
-    }
-    Report(state, *in, pictures);
+    });
 }
 
 // (b) 64 KiB chunks of the file, wrapped in place as blocks (copyIn: copied into blocks of
 // their own, as a fetcher that reads from a socket would).
 void OursChunks(benchmark::State& state, Input* in, bool copyIn) {
-    if (!in->error.empty()) {
-        state.SkipWithError(in->error.c_str());
-        return;
-    }
-    int64_t pictures = 0;
-    for (auto _ : state) {
-        Mpeg4VideoPacketizer packetizer(0);
-        PACK_STREAM stream;
-        stream.fmt.Reset(VIDEO_ES, in->codec);
-        packetizer.InitPacket(&stream);
-        pictures = 0;
-        auto sink = [&](MediaBlock* b) {
-            pictures += (b->GetFlags() & BLOCK_FLAG_TYPE_MASK) != 0;
-            delete b;
-        };
-        for (size_t pos = 0; pos < in->size; pos += kChunk64k) {
-            const size_t n = std::min(kChunk64k, in->size - pos);
-            MediaBlock* block;
-            if (copyIn) {
-                block = new MediaBlock(static_cast<int>(n), in->data.data() + pos);
-            } else {
-                block = new MediaBlock();
-                block->SetBuffer(in->data.data() + pos);
-                block->SetBufferSize(n);
-            }
-            block->SetPTS(1000000);
-            block->SetDTS(1000000);
-            testsupport::Drive(packetizer, stream, block, sink);
-        }
-        packetizer.FreePacket(&stream);
-    }
-    Report(state, *in, pictures);
+    RunOurs(state, in,
+            [in, copyIn](Mpeg4VideoPacketizer& packetizer, PACK_STREAM& stream, auto& sink) {
+                for (size_t pos = 0; pos < in->size; pos += kChunk64k) {
+                    const size_t n = std::min(kChunk64k, in->size - pos);
+                    MediaBlock* block;
+                    if (copyIn) {
+                        block = new MediaBlock(static_cast<int>(n), in->data.data() + pos);
+                    } else {
+                        block = new MediaBlock();
+                        block->SetBuffer(in->data.data() + pos);
+                        block->SetBufferSize(n);
+                    }
+                    block->SetPTS(1000000);
+                    block->SetDTS(1000000);
+                    testsupport::Drive(packetizer, stream, block, sink);
+                }
+            });
 }
 
 void Ffmpeg(benchmark::State& state, Input* in, size_t chunk) {

@@ -87,6 +87,9 @@ protected:
 
 private:
     static void ShutdownTriggered(void* clientData);
+    // The start of every response handler: the answer ends the setup timeout's wait, and a
+    // failed request leaves its code as the receiver's result.
+    static MetaDataRTSPClient* Answered(RTSPClient* rtspClient, int resultCode);
     // Closes every sink of the session; true when there was one. Clears the BYE handlers.
     bool CloseSinks();
     void LogClientPorts(MediaSubsession* subsession);

@@ -35,14 +35,20 @@ MediaSession* ParsedMediaSession::CreateNew(UsageEnvironment& env, const char* s
     return session;
 }
 
+MetaDataRTSPClient* MetaDataRTSPClient::Answered(RTSPClient* rtspClient, int resultCode) {
+    MetaDataRTSPClient* client = Client(rtspClient);
+    client->envir().taskScheduler().unscheduleDelayedTask(client->m_timerTask);
+    if (resultCode != 0)
+        client->m_receiver.SetResultCode(resultCode);
+    return client;
+}
+
 void MetaDataRTSPClient::ContinueAfterDESCRIBE(RTSPClient* rtspClient, int resultCode,
                                                char* resultString) {
-    MetaDataRTSPClient* client = Client(rtspClient);
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
-    env.taskScheduler().unscheduleDelayedTask(client->m_timerTask);
     if (resultCode != 0) {
-        client->m_receiver.SetResultCode(resultCode);
         Debug(client, "Failed to get a SDP description", TextOrEmpty(text));
         ShutdownStream(client);
         return;
@@ -113,13 +119,11 @@ void MetaDataRTSPClient::SetupNextSubsession(RTSPClient* rtspClient) {
 
 void MetaDataRTSPClient::ContinueAfterSETUP(RTSPClient* rtspClient, int resultCode,
                                             char* resultString) {
-    MetaDataRTSPClient* client = Client(rtspClient);
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
-    env.taskScheduler().unscheduleDelayedTask(client->m_timerTask);
     MediaSubsession* sub = client->m_state.subsession;
     if (resultCode != 0) {
-        client->m_receiver.SetResultCode(resultCode);
         Debug(client, sub, "Failed to set up", TextOrEmpty(text));
     } else if (sub) {
         Debug(client, sub, "Setup successfully", "");
@@ -146,13 +150,11 @@ void MetaDataRTSPClient::ContinueAfterSETUP(RTSPClient* rtspClient, int resultCo
 
 void MetaDataRTSPClient::ContinueAfterPLAY(RTSPClient* rtspClient, int resultCode,
                                            char* resultString) {
-    MetaDataRTSPClient* client = Client(rtspClient);
+    // The setup timeout covers DESCRIBE, each SETUP and PLAY, and nothing after.
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
-    // The setup timeout covers DESCRIBE, each SETUP and PLAY, and nothing after.
-    env.taskScheduler().unscheduleDelayedTask(client->m_timerTask);
     if (resultCode != 0) {
-        client->m_receiver.SetResultCode(resultCode);
         Debug(client, "Failed to start playing pSession", TextOrEmpty(text));
         ShutdownStream(client);
         return;
