@@ -38,6 +38,15 @@ protected:
         return param;
     }
     std::string File(const std::string& name) const { return m_dir.File(name); }
+    // What the fetch delivered on `es`, written out and decoded by ffmpeg without an error.
+    void ExpectDecodes(const CollectingHandler& handler, int es, const std::string& name,
+                       const std::string& format, const std::string& codec, int minFrames) {
+        ASSERT_TRUE(handler.WriteStream(es, File(name)));
+        const ProbeResult probe = Probe(File(name), format);
+        EXPECT_EQ(probe.codec, codec);
+        EXPECT_GE(probe.frames, minFrames);
+        EXPECT_EQ(probe.errors, "");
+    }
 
     testsupport::TempDir m_dir;
     GstServer m_server;
@@ -131,18 +140,10 @@ TEST_P(GstAac, H264AndAacFormatsFromTheSdp) {
     EXPECT_EQ(handler.InitCalls(), 1);
 
     if (VideoPacketizerWorks(kCodecH264)) {
-        ASSERT_TRUE(handler.WriteStream(VIDEO_ES, File("out.264")));
-        const ProbeResult probe = Probe(File("out.264"), "h264");
-        EXPECT_EQ(probe.codec, "h264");
-        EXPECT_GE(probe.frames, 50);
-        EXPECT_EQ(probe.errors, "");
+        ExpectDecodes(handler, VIDEO_ES, "out.264", "h264", "h264", 50);
     }
     if (AacPacketizerWorks()) {
-        ASSERT_TRUE(handler.WriteStream(AUDIO_ES, File("out.aac")));
-        const ProbeResult probe = Probe(File("out.aac"), "aac");
-        EXPECT_EQ(probe.codec, "aac");
-        EXPECT_GE(probe.frames, 30);
-        EXPECT_EQ(probe.errors, "");
+        ExpectDecodes(handler, AUDIO_ES, "out.aac", "aac", "aac", 30);
     }
 }
 
@@ -162,11 +163,7 @@ TEST_F(GstFixture, HevcParameterSetsFromTheSdp) {
     const std::vector<int> types = NalTypes(Extra(video), true);
     EXPECT_EQ(types, (std::vector<int>{32, 33, 34}));
     if (VideoPacketizerWorks(kCodecHevc)) {
-        ASSERT_TRUE(handler.WriteStream(VIDEO_ES, File("out.265")));
-        const ProbeResult probe = Probe(File("out.265"), "hevc");
-        EXPECT_EQ(probe.codec, "hevc");
-        EXPECT_GE(probe.frames, 50);
-        EXPECT_EQ(probe.errors, "");
+        ExpectDecodes(handler, VIDEO_ES, "out.265", "hevc", "hevc", 50);
     }
 }
 
@@ -184,11 +181,7 @@ TEST_F(GstFixture, Mpeg4ConfigFromTheSdp) {
     EXPECT_EQ(std::vector<uint8_t>(config.begin(), config.begin() + 3),
               (std::vector<uint8_t>{0, 0, 1}));
     if (VideoPacketizerWorks(kCodecMp4v)) {
-        ASSERT_TRUE(handler.WriteStream(VIDEO_ES, File("out.m4v")));
-        const ProbeResult probe = Probe(File("out.m4v"), "m4v");
-        EXPECT_EQ(probe.codec, "mpeg4");
-        EXPECT_GE(probe.frames, 90);
-        EXPECT_EQ(probe.errors, "");
+        ExpectDecodes(handler, VIDEO_ES, "out.m4v", "m4v", "mpeg4", 90);
     }
 }
 
