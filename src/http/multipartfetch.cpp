@@ -249,6 +249,22 @@ int MultipartFetch::Connector() {
     return MF_ERR_BOUNDARY;
 }
 
+long long MultipartFetch::SkipBytes(long long count) {
+    constexpr long long kPiece = static_cast<long long>(kPartBufferSize);
+    long long skipped = 0;
+    while (skipped < count) {
+        const long long left = count - skipped;
+        const unsigned int piece = static_cast<unsigned int>(left < kPiece ? left : kPiece);
+        const long long got = ReadBytes(nullptr, piece);
+        if (got <= 0)
+            break;
+        skipped += got;
+        if (got < piece)
+            break;
+    }
+    return skipped;
+}
+
 long long MultipartFetch::ReadBytes(unsigned char* dst, unsigned int count) {
     KVNet::KVHttpClient* client = m_pPriv->pHttpClient.get();
     if (!client)
