@@ -149,19 +149,20 @@ void MpegFileFetch::ResizeBuf(uint8_t*& buffer, int& capacity, long long need, i
     capacity = wanted;
 }
 
-bool MpegFileFetch::ResizeExtra(ESFormat& format, int size) {
-    if (format.i_extra == size && (size < 1 || format.p_extra))
-        return true;
+bool MpegFileFetch::ResizeExtra(ESFormat& format, const uint8_t* data, int size) {
+    // The new bytes are made ready first and put in place under the mutex: a host copying
+    // the format meanwhile gets the old configuration or the new one, never a mix.
+    uint8_t* fresh = nullptr;
+    if (size >= 1) {
+        fresh = static_cast<uint8_t*>(malloc(size));
+        if (!fresh)
+            return false;
+        memcpy(fresh, data, size);
+    }
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     free(format.p_extra);
-    format.p_extra = nullptr;
-    format.i_extra = 0;
-    if (size < 1)
-        return true;
-    format.p_extra = static_cast<uint8_t*>(malloc(size));
-    if (!format.p_extra)
-        return false;
-    format.i_extra = size;
+    format.p_extra = fresh;
+    format.i_extra = fresh ? size : 0;
     return true;
 }
 
@@ -185,12 +186,7 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
                 MP4_LOG(LOG_LEVEL_WARNING, "Truncated esds box ignored\n");
                 return true;
             }
-            const int n = b[33];
-            if (!ResizeExtra(fmt, n))
-                return false;
-            if (n)
-                memcpy(fmt.p_extra, b + 34, n);
-            return true;
+            return ResizeExtra(fmt, b + 34, b[33]);
         }
         if (room < 16 || 16 + b[15] + 3 > room) {
             MP4_LOG(LOG_LEVEL_WARNING, "Truncated avcC box ignored\n");
@@ -202,14 +198,12 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
             MP4_LOG(LOG_LEVEL_WARNING, "Truncated avcC box ignored\n");
             return true;
         }
-        if (!ResizeExtra(fmt, spsLen + ppsLen + 8))
-            return false;
-        uint8_t* out = fmt.p_extra;
-        memcpy(out, kStartCode, 4);
-        memcpy(out + 4, b + 16, spsLen);
-        memcpy(out + 4 + spsLen, kStartCode, 4);
-        memcpy(out + 8 + spsLen, b + 19 + spsLen, ppsLen);
-        return true;
+        uint8_t annexB[8 + 255 + 255];  // lengths are single bytes
+        memcpy(annexB, kStartCode, 4);
+        memcpy(annexB + 4, b + 16, spsLen);
+        memcpy(annexB + 4 + spsLen, kStartCode, 4);
+        memcpy(annexB + 8 + spsLen, b + 19 + spsLen, ppsLen);
+        return ResizeExtra(fmt, annexB, spsLen + ppsLen + 8);
     }
     return true;
 }

@@ -57,7 +57,8 @@ private:
     uint32_t ReadBoxHeader(uint8_t* buf, uint32_t& size);
     unsigned int FindNextFrame();
     void ResizeBuf(uint8_t*& buffer, int& capacity, long long need, int max);
-    bool ResizeExtra(ESFormat& format, int size);
+    // Replaces the format's extra data by size bytes of data; false when no memory.
+    bool ResizeExtra(ESFormat& format, const uint8_t* data, int size);
     bool ReadCodecConfig(const uint8_t* payload, int count);
 
     int m_iClientArg;
