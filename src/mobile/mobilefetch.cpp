@@ -196,12 +196,21 @@ void MobileFetch::DoFetchLoop(MediaDataHandler* handler) {
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "NULL mobile receiver or stream packer.\n");
         return;
     }
+    // The loop that runs owns the session state (masks, formats, packer and its handler)
+    // until it has freed the packer. A call meanwhile is refused as the receiver refuses
+    // it, which ends the running loop; it touches none of that state and never calls its
+    // own handler.
+    if (m_bLoopActive.exchange(true)) {
+        m_pReceiver->RefuseRecvLoop();
+        return;
+    }
     // Every loop is a new session with the client: it announces and describes its streams
     // again.
     ResetSession();
     m_pPacker->SetDataHandler(handler);
     m_pReceiver->DoRecvLoop(handler);
     m_pPacker->Free();
+    m_bLoopActive.store(false);
 }
 
 void MobileFetch::StopFetchLoop() {

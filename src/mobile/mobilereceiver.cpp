@@ -129,6 +129,13 @@ void MobileReceiver::StopRecvLoop() {
     m_bRunning.store(false);
 }
 
+void MobileReceiver::RefuseRecvLoop() {
+    CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING,
+           "Ignore DoRecvLoop because previous recvloop not yet stop.\n");
+    // Clearing the flag also ends the loop that is running, within one poll period.
+    m_bRunning.store(false);
+}
+
 void MobileReceiver::DoRecvLoop(TransNotice2MobileHandler* handler) {
     if (!handler) {
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING, "pTransNoticeHandler can not be a null.\n");
@@ -141,11 +148,7 @@ void MobileReceiver::DoRecvLoop(TransNotice2MobileHandler* handler) {
         return;
     }
     if (m_bRunning.exchange(true)) {
-        // Clearing the flag here also ends the loop that is running, within one poll
-        // period; hosts use a second call as a way to restart the exchange.
-        CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING,
-               "Ignore DoRecvLoop because previous recvloop not yet stop.\n");
-        m_bRunning.store(false);
+        RefuseRecvLoop();
         return;
     }
     // Reset only by the call that owns the buffer, never under a loop that is running.

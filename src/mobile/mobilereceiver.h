@@ -44,6 +44,9 @@ public:
     void DoRecvLoop(TransNotice2MobileHandler* handler);
     // From any thread: the loop notices within one poll period (1 s).
     void StopRecvLoop();
+    // The answer to a loop asked for while one runs: logged, and the running loop is made to
+    // end as by StopRecvLoop (hosts restart the exchange that way).
+    void RefuseRecvLoop();
     // Delivers every complete payload in the buffer. 1 when it stopped for want of data,
     // 0 after a malformed header (which stays in the buffer and stalls parsing).
     int ParseDataAndCallBack();
