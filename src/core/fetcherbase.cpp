@@ -1,9 +1,11 @@
 #include <algorithm>
 #include <climits>
+#include <new>
 #include <vector>
 
 #include "core/clock.h"
 #include "core/fetcher.h"
+#include "core/log.h"
 
 namespace {
 constexpr int kResultStopMeasuring = 4;
@@ -43,7 +45,13 @@ int FetcherBase::GetBandwidth() {
             break;
         if (rc == 0) {
             total += static_cast<int>(partSize);
-            buffer.resize(partSize);
+            try {
+                buffer.resize(partSize);
+            } catch (const std::bad_alloc&) {
+                CF_LOG(LOG_CATEG_CORE, LOG_LEVEL_ERROR,
+                       "No memory for a part of %u bytes, bandwidth not measured.\n", partSize);
+                return 0;
+            }
             rc = FetchContent(buffer.data(), partSize);
         }
         if (rc != 0) {

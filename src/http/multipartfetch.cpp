@@ -54,8 +54,10 @@ void MultipartFetch::Init(const char* path, const char* host, int port, const ch
     }
     // Several MiB: allocation failure leaves an uninitialised fetcher, never an exception.
     m_pPriv.reset(new (std::nothrow) MultipartPriv);
-    if (!m_pPriv)
+    if (!m_pPriv) {
+        MF_LOG(LOG_LEVEL_ERROR, "No memory for the fetcher's state.\n");
         return;
+    }
     MultipartPriv& p = *m_pPriv;
     m_iClientArg = clientArg;
     m_httpVersion = KVNet::HTTP_VER_DEF;

@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "core/log.h"
@@ -208,7 +209,13 @@ void MobileFetch::DoFetchLoop(MediaDataHandler* handler) {
     // again.
     ResetSession();
     m_pPacker->SetDataHandler(handler);
-    m_pReceiver->DoRecvLoop(handler);
+    try {
+        m_pReceiver->DoRecvLoop(handler);
+    } catch (const std::bad_alloc&) {
+        // A frame's block could not be had; the receiver has sent its stop notice and closed
+        // its socket on the way out.
+        CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "Out of memory, the receive loop ends.\n");
+    }
     m_pPacker->Free();
     m_bLoopActive.store(false);
 }

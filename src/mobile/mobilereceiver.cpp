@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -97,13 +98,16 @@ MobileReceiver::MobileReceiver()
       m_iTimeout(5),
       m_iReceiverId(0),
       m_bRunning(false),
-      m_pRecvBuf(new char[kRecvBufSize]),
+      m_pRecvBuf(static_cast<char*>(camfetch::AllocBuffer(kRecvBufSize))),
       m_uParseOft(0),
       m_uFillLen(0),
       m_uPendingLen(0),
       m_tvTimestamp{0, 0},
       m_uScanOft(0),
-      m_bStalled(false) {}
+      m_bStalled(false) {
+    if (!m_pRecvBuf)
+        throw std::bad_alloc();
+}
 
 MobileReceiver::~MobileReceiver() = default;
 

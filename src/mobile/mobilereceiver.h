@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "core/bufferalloc.h"
 #include "core/fetcher.h"
 #include "mobile/mobilereceiverctrler.h"
 
@@ -34,6 +35,7 @@ public:
     static constexpr uint32_t kRecvBufSize = 0x400000;
     static constexpr uint32_t kMaxFill = kRecvBufSize - 1;
 
+    // Throws std::bad_alloc, as a failed new would, when the receive buffer cannot be had.
     MobileReceiver();
     virtual ~MobileReceiver();
     MobileReceiver(const MobileReceiver&) = delete;
@@ -69,11 +71,11 @@ private:
     int m_iReceiverId;
     std::string m_strContentType;  // of the payload being delivered or pending
     std::atomic<bool> m_bRunning;
-    std::unique_ptr<char[]> m_pRecvBuf;  // kRecvBufSize bytes
-    uint32_t m_uParseOft;                // start of the unparsed data
-    uint32_t m_uFillLen;                 // bytes in the buffer
-    uint32_t m_uPendingLen;              // length of a payload still arriving; 0 = none
-    timeval m_tvTimestamp;               // of the payload being delivered or pending
-    uint32_t m_uScanOft;                 // header search resumes here (no terminator before)
-    bool m_bStalled;                     // a malformed header blocks the rest of the stream
+    std::unique_ptr<char, camfetch::FreeDeleter> m_pRecvBuf;  // kRecvBufSize bytes
+    uint32_t m_uParseOft;                                     // start of the unparsed data
+    uint32_t m_uFillLen;                                      // bytes in the buffer
+    uint32_t m_uPendingLen;  // length of a payload still arriving; 0 = none
+    timeval m_tvTimestamp;   // of the payload being delivered or pending
+    uint32_t m_uScanOft;     // header search resumes here (no terminator before)
+    bool m_bStalled;         // a malformed header blocks the rest of the stream
 };

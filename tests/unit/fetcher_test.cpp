@@ -2,8 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <deque>
 
+#include "core/bufferalloc.h"
+#include "log_capture.h"
 #include "scripted_clock.h"
 
 namespace {
@@ -15,6 +18,24 @@ TEST(FetcherFactory, UnknownKindsGiveNullAndReleasingNullIsHarmless) {
     FetcherBase* none = nullptr;
     ReleaseFetcher(none);
     EXPECT_EQ(none, nullptr);
+}
+
+// On a machine short of memory the push fetchers' receive buffers (megabytes) cannot be had:
+// the host gets no fetcher and a log line, not an exception.
+TEST(FetcherFactory, BuffersThatCannotBeHadGiveNoFetcher) {
+    LogCapture log;
+    FETCH_PARAM param;
+    param.strHost = "camera";
+    param.iPort = 554;
+    param.bHasAudio = true;
+    const size_t previous = camfetch::SetBufferAllocLimit(1 << 20);
+    for (int type : {1, 6}) {
+        FetcherBase* fetcher = nullptr;
+        EXPECT_NO_THROW(fetcher = FetcherFactory(type, param)) << type;
+        EXPECT_EQ(fetcher, nullptr) << type;
+    }
+    camfetch::SetBufferAllocLimit(previous);
+    EXPECT_EQ(log.Count("Failed to create a fetcher of type"), 2);
 }
 
 // A pull fetcher that plays a script of (result, size, seconds to advance) per part.
