@@ -4,10 +4,21 @@
 #include <time.h>
 
 #include <atomic>
+#include <cerrno>
 
 namespace camfetch {
 namespace {
 std::atomic<ClockSource*> g_clock{nullptr};
+
+void RealSleep(long long us) {
+    timespec left{static_cast<time_t>(us / 1000000), static_cast<long>(us % 1000000) * 1000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+}  // namespace
+
+void ClockSource::SleepMicros(long long us) {
+    RealSleep(us);
 }
 
 ClockSource* SetClockSource(ClockSource* source) {
@@ -28,6 +39,16 @@ long long MonoNowUs() {
     timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec * 1000000LL + ts.tv_nsec / 1000;
+}
+
+void SleepUs(long long us) {
+    if (us <= 0)
+        return;
+    if (ClockSource* c = g_clock.load(std::memory_order_relaxed)) {
+        c->SleepMicros(us);
+        return;
+    }
+    RealSleep(us);
 }
 
 }  // namespace camfetch

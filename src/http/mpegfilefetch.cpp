@@ -1,6 +1,7 @@
 #include "http/mpegfilefetch.h"
 
 #include <cstring>
+#include <new>
 
 #include "core/kvhttpclient.h"
 #include "core/log.h"
@@ -46,8 +47,7 @@ void MpegFileFetch::ReleasePriv() {
     if (!m_pPriv)
         return;
     ReleaseHttpClient();
-    delete[] m_pPriv->pFrameBuf;
-    delete m_pPriv;  // the format frees its extra data
+    delete m_pPriv;  // with its buffer; the format frees its extra data
     m_pPriv = nullptr;
 }
 
@@ -59,7 +59,11 @@ void MpegFileFetch::Init(const std::string& host, int port, const std::string& p
         return;
     }
     ReleasePriv();
-    m_pPriv = new MpegFilePriv;
+    m_pPriv = new (std::nothrow) MpegFilePriv;
+    if (!m_pPriv) {
+        MP4_LOG(LOG_LEVEL_ERROR, "No memory for the fetcher's state.\n");
+        return;
+    }
     m_pPriv->strHost = host;
     m_pPriv->iPort = port;
     m_pPriv->strPath = path;
@@ -79,9 +83,9 @@ void MpegFileFetch::Init(const std::string& host, int port, const std::string& p
 int MpegFileFetch::InitialHttpClient() {
     ReleaseHttpClient();
     MpegFilePriv& p = *m_pPriv;
-    p.pHttpClient = new KVNet::KVHttpClient(p.strHost, p.iPort, p.strPath, p.strUser, p.strPassword,
-                                            m_iClientArg, false, true, true, true,
-                                            KVNet::HTTP_VER_DEF, "", true);
+    p.pHttpClient = new (std::nothrow)
+        KVNet::KVHttpClient(p.strHost, p.iPort, p.strPath, p.strUser, p.strPassword, m_iClientArg,
+                            false, true, true, true, KVNet::HTTP_VER_DEF, "", true);
     return p.pHttpClient ? 0 : 1;
 }
 
@@ -139,29 +143,33 @@ uint32_t MpegFileFetch::ReadBoxHeader(uint8_t* buf, uint32_t& size) {
     return ReadBe32(buf + 4);
 }
 
-void MpegFileFetch::ResizeBuf(uint8_t*& buffer, int& capacity, long long need, int max) {
+bool MpegFileFetch::ResizeBuf(camfetch::MallocBytes& buffer, int& capacity, long long need,
+                              int max) {
     const int wanted = static_cast<int>(need < max ? need : max);
     if (capacity >= wanted)
-        return;
+        return true;
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
-    delete[] buffer;
-    buffer = new uint8_t[wanted];
-    capacity = wanted;
+    // Contents are not kept: the old buffer goes first, so that at most the new one is held.
+    buffer.reset();
+    buffer.reset(static_cast<uint8_t*>(camfetch::AllocBuffer(wanted)));
+    capacity = buffer ? wanted : 0;
+    return buffer != nullptr;
 }
 
-bool MpegFileFetch::ResizeExtra(ESFormat& format, int size) {
-    if (format.i_extra == size && (size < 1 || format.p_extra))
-        return true;
+bool MpegFileFetch::ResizeExtra(ESFormat& format, const uint8_t* data, int size) {
+    // The new bytes are made ready first and put in place under the mutex: a host copying
+    // the format meanwhile gets the old configuration or the new one, never a mix.
+    uint8_t* fresh = nullptr;
+    if (size >= 1) {
+        fresh = static_cast<uint8_t*>(malloc(size));
+        if (!fresh)
+            return false;
+        memcpy(fresh, data, size);
+    }
     std::lock_guard<std::mutex> lock(m_pPriv->mutex);
     free(format.p_extra);
-    format.p_extra = nullptr;
-    format.i_extra = 0;
-    if (size < 1)
-        return true;
-    format.p_extra = static_cast<uint8_t*>(malloc(size));
-    if (!format.p_extra)
-        return false;
-    format.i_extra = size;
+    format.p_extra = fresh;
+    format.i_extra = fresh ? size : 0;
     return true;
 }
 
@@ -185,12 +193,7 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
                 MP4_LOG(LOG_LEVEL_WARNING, "Truncated esds box ignored\n");
                 return true;
             }
-            const int n = b[33];
-            if (!ResizeExtra(fmt, n))
-                return false;
-            if (n)
-                memcpy(fmt.p_extra, b + 34, n);
-            return true;
+            return ResizeExtra(fmt, b + 34, b[33]);
         }
         if (room < 16 || 16 + b[15] + 3 > room) {
             MP4_LOG(LOG_LEVEL_WARNING, "Truncated avcC box ignored\n");
@@ -202,24 +205,25 @@ bool MpegFileFetch::ReadCodecConfig(const uint8_t* payload, int count) {
             MP4_LOG(LOG_LEVEL_WARNING, "Truncated avcC box ignored\n");
             return true;
         }
-        if (!ResizeExtra(fmt, spsLen + ppsLen + 8))
-            return false;
-        uint8_t* out = fmt.p_extra;
-        memcpy(out, kStartCode, 4);
-        memcpy(out + 4, b + 16, spsLen);
-        memcpy(out + 4 + spsLen, kStartCode, 4);
-        memcpy(out + 8 + spsLen, b + 19 + spsLen, ppsLen);
-        return true;
+        uint8_t annexB[8 + 255 + 255];  // lengths are single bytes
+        memcpy(annexB, kStartCode, 4);
+        memcpy(annexB + 4, b + 16, spsLen);
+        memcpy(annexB + 4 + spsLen, kStartCode, 4);
+        memcpy(annexB + 8 + spsLen, b + 19 + spsLen, ppsLen);
+        return ResizeExtra(fmt, annexB, spsLen + ppsLen + 8);
     }
     return true;
 }
 
 unsigned int MpegFileFetch::FindNextFrame() {
     MpegFilePriv& p = *m_pPriv;
-    ResizeBuf(p.pFrameBuf, p.iFrameBufCap, kBoxHeaderSize, kMaxFrameBuf);
+    if (!ResizeBuf(p.pFrameBuf, p.iFrameBufCap, kBoxHeaderSize, kMaxFrameBuf)) {
+        CF_LOG_RAW("malloc failed!\n");
+        return 0;
+    }
     for (;;) {
         uint32_t size = 0;
-        const uint32_t type = ReadBoxHeader(p.pFrameBuf, size);
+        const uint32_t type = ReadBoxHeader(p.pFrameBuf.get(), size);
         if (!IsValidBox(type)) {
             MP4_LOG(LOG_LEVEL_ERROR, "Invalid box4cc [%d]\n", static_cast<int>(type));
             MP4_LOG(LOG_LEVEL_ERROR, "ReadBox failed!\n");
@@ -230,12 +234,17 @@ unsigned int MpegFileFetch::FindNextFrame() {
             MP4_LOG(LOG_LEVEL_ERROR, "ReadBox failed!\n");
             return 0;
         }
-        ResizeBuf(p.pFrameBuf, p.iFrameBufCap, payload, kMaxFrameBuf);
+        if (!ResizeBuf(p.pFrameBuf, p.iFrameBufCap, payload, kMaxFrameBuf)) {
+            // The payload stays on the connection: the next call starts on a new one.
+            CF_LOG_RAW("malloc failed!\n");
+            return 0;
+        }
         // A payload past the buffer's limit is read only in part; its rest stays on the
         // connection and breaks the next box header, which drops the connection.
         const int want = static_cast<int>(payload < p.iFrameBufCap ? payload : p.iFrameBufCap);
         const int count =
-            want > 0 ? p.pHttpClient->ReadData(reinterpret_cast<char*>(p.pFrameBuf), want) : 0;
+            want > 0 ? p.pHttpClient->ReadData(reinterpret_cast<char*>(p.pFrameBuf.get()), want)
+                     : 0;
         if (count < 0)
             return 0;
         const unsigned int got = static_cast<unsigned int>(count);
@@ -245,7 +254,7 @@ unsigned int MpegFileFetch::FindNextFrame() {
             MP4_LOG(LOG_LEVEL_TRACE, "BOX_FTYP: %u.\n", got);
         } else if (type == kBoxMoov) {
             MP4_LOG(LOG_LEVEL_TRACE, "BOX_MOOV: %u.\n", got);
-            if (count >= 5 && !ReadCodecConfig(p.pFrameBuf, count)) {
+            if (count >= 5 && !ReadCodecConfig(p.pFrameBuf.get(), count)) {
                 CF_LOG_RAW("malloc failed!\n");
                 return 0;
             }
@@ -294,7 +303,7 @@ int MpegFileFetch::FetchContent(unsigned char* buf, unsigned int len) {
     const int n = static_cast<int>(len) < m_pPriv->iFrameBufCap ? static_cast<int>(len)
                                                                 : m_pPriv->iFrameBufCap;
     if (n > 0)
-        memcpy(buf, m_pPriv->pFrameBuf, n);
+        memcpy(buf, m_pPriv->pFrameBuf.get(), n);
     return 0;
 }
 

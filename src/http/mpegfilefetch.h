@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include "core/bufferalloc.h"
 #include "core/fetcher.h"
 
 namespace KVNet {
@@ -20,7 +21,7 @@ struct MpegFilePriv {
     std::string strPath;
     int iPort = 0;
     KVNet::KVHttpClient* pHttpClient = nullptr;  // owned
-    uint8_t* pFrameBuf = nullptr;                // owned; grows only, up to 10 MiB
+    camfetch::MallocBytes pFrameBuf;             // grows only, up to 10 MiB
     int iFrameBufCap = 0;
     ESFormat videoFormat;
     std::mutex mutex;  // guards pFrameBuf and videoFormat's extra data
@@ -56,8 +57,10 @@ private:
     int VerifyHttpStatus();
     uint32_t ReadBoxHeader(uint8_t* buf, uint32_t& size);
     unsigned int FindNextFrame();
-    void ResizeBuf(uint8_t*& buffer, int& capacity, long long need, int max);
-    bool ResizeExtra(ESFormat& format, int size);
+    // False (and the buffer empty) when the memory cannot be had.
+    bool ResizeBuf(camfetch::MallocBytes& buffer, int& capacity, long long need, int max);
+    // Replaces the format's extra data by size bytes of data; false when no memory.
+    bool ResizeExtra(ESFormat& format, const uint8_t* data, int size);
     bool ReadCodecConfig(const uint8_t* payload, int count);
 
     int m_iClientArg;

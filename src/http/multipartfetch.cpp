@@ -54,8 +54,10 @@ void MultipartFetch::Init(const char* path, const char* host, int port, const ch
     }
     // Several MiB: allocation failure leaves an uninitialised fetcher, never an exception.
     m_pPriv.reset(new (std::nothrow) MultipartPriv);
-    if (!m_pPriv)
+    if (!m_pPriv) {
+        MF_LOG(LOG_LEVEL_ERROR, "No memory for the fetcher's state.\n");
         return;
+    }
     MultipartPriv& p = *m_pPriv;
     m_iClientArg = clientArg;
     m_httpVersion = KVNet::HTTP_VER_DEF;
@@ -247,6 +249,22 @@ int MultipartFetch::Connector() {
     }
     MF_LOG(LOG_LEVEL_NOTICE, "Cannot match the boundary in body header!\n");
     return MF_ERR_BOUNDARY;
+}
+
+long long MultipartFetch::SkipBytes(long long count) {
+    constexpr long long kPiece = static_cast<long long>(kPartBufferSize);
+    long long skipped = 0;
+    while (skipped < count) {
+        const long long left = count - skipped;
+        const unsigned int piece = static_cast<unsigned int>(left < kPiece ? left : kPiece);
+        const long long got = ReadBytes(nullptr, piece);
+        if (got <= 0)
+            break;
+        skipped += got;
+        if (got < piece)
+            break;
+    }
+    return skipped;
 }
 
 long long MultipartFetch::ReadBytes(unsigned char* dst, unsigned int count) {

@@ -93,6 +93,8 @@ private:
     // them, when dst is null), in pieces the client's int counts can carry. Returns the
     // number read; fewer means the connection failed or ended.
     long long ReadBytes(unsigned char* dst, unsigned int count);
+    // Reads and discards count bytes, a part buffer at a time; returns the number passed over.
+    long long SkipBytes(long long count);
     int ReadExtraData(ESFormat& format, char* value);
 
     int m_iClientArg = 0;

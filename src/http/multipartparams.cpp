@@ -46,8 +46,10 @@ void MultipartFetch::SetMFParams(std::map<std::string, std::string>& params) {
 int MultipartFetch::ReadExtraData(ESFormat& format, char* value) {
     const long long size = multipart::ParseDecimal(value);
     if (size > kMaxExtraSize) {
-        MF_LOG(LOG_LEVEL_WARNING, "Extra data size %lld is out of range\n", size);
-        return -1;
+        // The announced bytes follow in the header block all the same: pass over them, so
+        // that the part's headers and the pictures after it are read in step.
+        MF_LOG(LOG_LEVEL_WARNING, "Extra data size %lld is out of range, skipped\n", size);
+        return SkipBytes(size) == size ? 0 : -1;
     }
     // Read into a buffer of our own first: a host may copy the format out meanwhile.
     std::unique_ptr<uint8_t, decltype(&free)> fresh(nullptr, &free);

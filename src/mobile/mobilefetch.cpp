@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "core/log.h"
@@ -196,12 +197,27 @@ void MobileFetch::DoFetchLoop(MediaDataHandler* handler) {
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "NULL mobile receiver or stream packer.\n");
         return;
     }
+    // The loop that runs owns the session state (masks, formats, packer and its handler)
+    // until it has freed the packer. A call meanwhile is refused as the receiver refuses
+    // it, which ends the running loop; it touches none of that state and never calls its
+    // own handler.
+    if (m_bLoopActive.exchange(true)) {
+        m_pReceiver->RefuseRecvLoop();
+        return;
+    }
     // Every loop is a new session with the client: it announces and describes its streams
     // again.
     ResetSession();
     m_pPacker->SetDataHandler(handler);
-    m_pReceiver->DoRecvLoop(handler);
+    try {
+        m_pReceiver->DoRecvLoop(handler);
+    } catch (const std::bad_alloc&) {
+        // A frame's block could not be had; the receiver has sent its stop notice and closed
+        // its socket on the way out.
+        CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "Out of memory, the receive loop ends.\n");
+    }
     m_pPacker->Free();
+    m_bLoopActive.store(false);
 }
 
 void MobileFetch::StopFetchLoop() {

@@ -7,6 +7,7 @@
 
 #include <sys/time.h>
 
+#include <atomic>
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -64,5 +65,6 @@ private:
     MOBILE_RECV_PARAM m_recvParam;
     uint8_t receivedMask;
     uint8_t expectedMask;
-    bool m_bPackerReady;  // InitPackers ran in this session
+    bool m_bPackerReady;                     // InitPackers ran in this session
+    std::atomic<bool> m_bLoopActive{false};  // a DoFetchLoop owns the session state
 };

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -97,13 +98,16 @@ MobileReceiver::MobileReceiver()
       m_iTimeout(5),
       m_iReceiverId(0),
       m_bRunning(false),
-      m_pRecvBuf(new char[kRecvBufSize]),
+      m_pRecvBuf(static_cast<char*>(camfetch::AllocBuffer(kRecvBufSize))),
       m_uParseOft(0),
       m_uFillLen(0),
       m_uPendingLen(0),
       m_tvTimestamp{0, 0},
       m_uScanOft(0),
-      m_bStalled(false) {}
+      m_bStalled(false) {
+    if (!m_pRecvBuf)
+        throw std::bad_alloc();
+}
 
 MobileReceiver::~MobileReceiver() = default;
 
@@ -129,6 +133,13 @@ void MobileReceiver::StopRecvLoop() {
     m_bRunning.store(false);
 }
 
+void MobileReceiver::RefuseRecvLoop() {
+    CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING,
+           "Ignore DoRecvLoop because previous recvloop not yet stop.\n");
+    // Clearing the flag also ends the loop that is running, within one poll period.
+    m_bRunning.store(false);
+}
+
 void MobileReceiver::DoRecvLoop(TransNotice2MobileHandler* handler) {
     if (!handler) {
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING, "pTransNoticeHandler can not be a null.\n");
@@ -141,11 +152,7 @@ void MobileReceiver::DoRecvLoop(TransNotice2MobileHandler* handler) {
         return;
     }
     if (m_bRunning.exchange(true)) {
-        // Clearing the flag here also ends the loop that is running, within one poll
-        // period; hosts use a second call as a way to restart the exchange.
-        CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_WARNING,
-               "Ignore DoRecvLoop because previous recvloop not yet stop.\n");
-        m_bRunning.store(false);
+        RefuseRecvLoop();
         return;
     }
     // Reset only by the call that owns the buffer, never under a loop that is running.

@@ -12,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "core/bufferalloc.h"
 #include "core/fetcher.h"
 #include "mobile/mobilereceiverctrler.h"
 
@@ -34,6 +35,7 @@ public:
     static constexpr uint32_t kRecvBufSize = 0x400000;
     static constexpr uint32_t kMaxFill = kRecvBufSize - 1;
 
+    // Throws std::bad_alloc, as a failed new would, when the receive buffer cannot be had.
     MobileReceiver();
     virtual ~MobileReceiver();
     MobileReceiver(const MobileReceiver&) = delete;
@@ -44,6 +46,9 @@ public:
     void DoRecvLoop(TransNotice2MobileHandler* handler);
     // From any thread: the loop notices within one poll period (1 s).
     void StopRecvLoop();
+    // The answer to a loop asked for while one runs: logged, and the running loop is made to
+    // end as by StopRecvLoop (hosts restart the exchange that way).
+    void RefuseRecvLoop();
     // Delivers every complete payload in the buffer. 1 when it stopped for want of data,
     // 0 after a malformed header (which stays in the buffer and stalls parsing).
     int ParseDataAndCallBack();
@@ -66,11 +71,11 @@ private:
     int m_iReceiverId;
     std::string m_strContentType;  // of the payload being delivered or pending
     std::atomic<bool> m_bRunning;
-    std::unique_ptr<char[]> m_pRecvBuf;  // kRecvBufSize bytes
-    uint32_t m_uParseOft;                // start of the unparsed data
-    uint32_t m_uFillLen;                 // bytes in the buffer
-    uint32_t m_uPendingLen;              // length of a payload still arriving; 0 = none
-    timeval m_tvTimestamp;               // of the payload being delivered or pending
-    uint32_t m_uScanOft;                 // header search resumes here (no terminator before)
-    bool m_bStalled;                     // a malformed header blocks the rest of the stream
+    std::unique_ptr<char, camfetch::FreeDeleter> m_pRecvBuf;  // kRecvBufSize bytes
+    uint32_t m_uParseOft;                                     // start of the unparsed data
+    uint32_t m_uFillLen;                                      // bytes in the buffer
+    uint32_t m_uPendingLen;  // length of a payload still arriving; 0 = none
+    timeval m_tvTimestamp;   // of the payload being delivered or pending
+    uint32_t m_uScanOft;     // header search resumes here (no terminator before)
+    bool m_bStalled;         // a malformed header blocks the rest of the stream
 };

@@ -36,7 +36,8 @@ void TestConnectCtrler::PollingTask(RtspReceiver* receiver) {
 }
 
 BandwidthCtrler::BandwidthCtrler()
-    : m_lastFrameTime(time(nullptr)), m_recvBuf(new unsigned char[kRecvBufSize]) {}
+    : m_lastFrameTime(time(nullptr)),
+      m_recvBuf(static_cast<unsigned char*>(camfetch::AllocBuffer(kRecvBufSize))) {}
 
 unsigned char* BandwidthCtrler::GetSubsessionRecvBuf(MediaSubsession*, unsigned int& size) {
     size = kRecvBufSize;

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <memory>
 
+#include "core/bufferalloc.h"
 #include "rtsp/receiverctrler.h"
 
 class TestConnectCtrler : public ReceiverCtrler {
@@ -32,6 +33,9 @@ public:
 
     BandwidthCtrler();
 
+    // False when the receive buffer could not be had: no measurement is possible.
+    bool HasRecvBuf() const { return m_recvBuf != nullptr; }
+
     unsigned char* GetSubsessionRecvBuf(MediaSubsession* subsession, unsigned int& size) override;
     void RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession, unsigned char* data,
                       unsigned int size, timeval pts) override;
@@ -49,5 +53,5 @@ private:
     time_t m_lastFrameTime;
     int m_iElapsedSec = 0;
     // One buffer, lent to every subsession in turn.
-    std::unique_ptr<unsigned char[]> m_recvBuf;
+    camfetch::MallocBytes m_recvBuf;
 };

@@ -4,6 +4,7 @@
 #include <liveMedia.hh>
 
 #include <cstring>
+#include <new>
 
 #include "core/log.h"
 #include "packer/streampacker.h"
@@ -49,28 +50,24 @@ void TuneRtpSource(MediaSubsession& sub, unsigned socketBuffer) {
 }  // namespace
 
 RtspFetchPrivate::RtspFetchPrivate(bool hasAudio)
-    : pExtData(static_cast<unsigned char*>(malloc(kExtDataCapacity))),
-      pVideoBuf(static_cast<unsigned char*>(malloc(kVideoBufSize))),
+    : pExtData(static_cast<unsigned char*>(camfetch::AllocBuffer(kExtDataCapacity))),
+      pVideoBuf(static_cast<unsigned char*>(camfetch::AllocBuffer(kVideoBufSize))),
       bHasAudio(hasAudio) {
-    if (!pExtData)
-        uExtDataCapacity = 0;
-    if (!pVideoBuf)
-        uVideoBufSize = 0;
     if (hasAudio) {
-        pAudioBuf.reset(static_cast<unsigned char*>(malloc(kAudioBufSize)));
-        uAudioBufSize = pAudioBuf ? kAudioBufSize : 0;
+        pAudioBuf.reset(static_cast<unsigned char*>(camfetch::AllocBuffer(kAudioBufSize)));
+        uAudioBufSize = kAudioBufSize;
     }
+    if (!pExtData || !pVideoBuf || (hasAudio && !pAudioBuf))
+        throw std::bad_alloc();
     fmtVideo.Reset(VIDEO_ES, 0);
     fmtAudio.Reset(AUDIO_ES, 0);
 }
 
 RtspFetch::RtspFetch(const FETCH_PARAM& param)
     : m_pPrivate(new RtspFetchPrivate(param.bHasAudio)),
-      m_pPacker(nullptr),
-      m_pReceiver(nullptr),
+      m_pPacker(new StreamPacker(param)),
       m_bAudioKeepsAlive((param.uFlags & RTSP_FLAG_AUDIO_KEEPS_ALIVE) != 0),
       m_bDropSdpExtra((param.uFlags & RTSP_FLAG_DROP_SDP_EXTRA) != 0) {
-    m_pPacker = new StreamPacker(param);
     m_recvParam.Host = param.strHost;
     m_recvParam.User = param.strUser;
     m_recvParam.Password = param.strPassword;
@@ -83,18 +80,14 @@ RtspFetch::RtspFetch(const FETCH_PARAM& param)
     m_recvParam.Timeout = param.iTimeout;
     m_recvParam.Protocol = param.iProtocol;
     m_recvParam.KeepAlive = param.iKeepAlive;
-    m_pReceiver = new RtspReceiver();
+    m_pReceiver.reset(new RtspReceiver());
     if (m_pReceiver->Init(m_recvParam) != 0) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR, "Failed to init rtsp receiver.\n");
-        delete m_pReceiver;
-        m_pReceiver = nullptr;
+        m_pReceiver.reset();
     }
 }
 
-RtspFetch::~RtspFetch() {
-    delete m_pReceiver;
-    delete m_pPacker;
-}
+RtspFetch::~RtspFetch() = default;
 
 bool RtspFetch::IsValidSubsession(MediaSubsession* subsession) {
     if (!m_pPrivate || !subsession)

@@ -73,8 +73,8 @@ public:
 
 private:
     std::unique_ptr<RtspFetchPrivate> m_pPrivate;
-    StreamPacker* m_pPacker;
-    RtspReceiver* m_pReceiver;
+    std::unique_ptr<StreamPacker> m_pPacker;
+    std::unique_ptr<RtspReceiver> m_pReceiver;
     RTSP_RECV_PARAM m_recvParam;
     bool m_bAudioKeepsAlive;
     bool m_bDropSdpExtra;

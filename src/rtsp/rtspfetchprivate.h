@@ -10,12 +10,8 @@
 #include <memory>
 #include <mutex>
 
+#include "core/bufferalloc.h"
 #include "core/esformat.h"
-
-struct FreeDeleter {
-    void operator()(void* p) const { free(p); }
-};
-using MallocBytes = std::unique_ptr<unsigned char, FreeDeleter>;
 
 struct RtspFetchPrivate {
     static constexpr uint32_t kExtDataCapacity = 0x10000;
@@ -23,16 +19,18 @@ struct RtspFetchPrivate {
     static constexpr uint32_t kAudioBufSize = 0x20000;
     static constexpr uint32_t kEsHeaderSize = 128;
 
+    // Throws std::bad_alloc, as a failed new would, when a buffer cannot be had: a fetcher
+    // that lends no buffer would deliver truncated frames.
     explicit RtspFetchPrivate(bool hasAudio);
 
     uint32_t uExtDataLen = 0;  // only 16 bits are ever written
     uint32_t uExtDataCapacity = kExtDataCapacity;
-    MallocBytes pExtData;
+    camfetch::MallocBytes pExtData;
     uint32_t uVideoBufSize = kVideoBufSize;
-    MallocBytes pVideoBuf;
+    camfetch::MallocBytes pVideoBuf;
     ESFormat fmtVideo;
     uint32_t uAudioBufSize = 0;
-    MallocBytes pAudioBuf;  // null when no audio is wanted
+    camfetch::MallocBytes pAudioBuf;  // null when no audio is wanted
     ESFormat fmtAudio;
     uint32_t uEsHeaderLen = 0;
     unsigned char esHeader[kEsHeaderSize] = {};

@@ -49,6 +49,11 @@ int RtspFetch::TestConnect() {
 
 int RtspFetch::GetBandwidth() {
     BandwidthCtrler ctrler;
+    if (!ctrler.HasRecvBuf()) {
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR,
+               "No memory for the receive buffer, bandwidth not measured.\n");
+        return 0;
+    }
     RtspReceiver receiver;
     if (receiver.Init(m_recvParam) == 0) {
         const time_t start = time(nullptr);

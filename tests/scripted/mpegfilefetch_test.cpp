@@ -3,9 +3,11 @@
 // tests.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "../unit/log_capture.h"
@@ -118,6 +120,37 @@ TEST_F(MpegFileFetcher, MdatPayloadsAreThePartsAndTheCodecBoxGivesTheExtraData) 
         EXPECT_EQ(NextPart(*f), mdat2);
         EXPECT_EQ(scriptedhttp::Requests().size(), 1u) << "one GET for the whole walk";
     }
+}
+
+// A host copying the format while moov boxes are parsed gets one whole configuration or the
+// other, never a mix of the two.
+TEST_F(MpegFileFetcher, FormatCopiesNeverMixTwoConfigurations) {
+    const std::string startCode("\0\0\0\1", 4);
+    std::string stream, whole[2];
+    for (int n = 0; n < 2; ++n) {
+        const std::string sps(200, static_cast<char>(0x11 + n)),
+            pps(200, static_cast<char>(0x21 + n));
+        whole[n] = startCode + sps + startCode + pps;
+        stream += Box("moov", AvcC(sps, pps));
+    }
+    for (int n = 0; n < 12; ++n)
+        stream += stream;
+    Serve(stream + Box("mdat", "x"), 0);
+    auto f = Make();
+    std::atomic<bool> done{false};
+    int mixed = 0;
+    std::thread host([&]() {
+        while (!done) {
+            ESFormat video;
+            f->GetVideoFormat(video);
+            const std::string extra(reinterpret_cast<char*>(video.p_extra), video.i_extra);
+            mixed += !extra.empty() && extra != whole[0] && extra != whole[1];
+        }
+    });
+    EXPECT_EQ(NextPart(*f), "x");
+    done = true;
+    host.join();
+    EXPECT_EQ(mixed, 0);
 }
 
 TEST_F(MpegFileFetcher, ModesPickTheCodec) {

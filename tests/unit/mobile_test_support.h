@@ -137,6 +137,10 @@ public:
         delete block;
         return 0;
     }
+    size_t Inits() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return initVideo.size();
+    }
     std::vector<std::string> NoticeTypes() {
         std::lock_guard<std::mutex> lock(m_mutex);
         std::vector<std::string> types;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <string>
 #include <vector>
 
@@ -240,6 +241,30 @@ TEST(MobileFetch, EveryLoopIsANewSession) {
     RunSession(fetch, p, second, {MediaInfo("video-h264"), Video(kSps), Video(kPps)});
     ASSERT_EQ(second.initVideo.size(), 1u);
     EXPECT_EQ(Extra(second.initVideo[0]), kSps + kPps);
+}
+
+// A loop asked for while one runs ends the running one, as the receiver intends; it must not
+// reset or free what that loop uses, and its own handler is never called.
+TEST(MobileFetch, SecondLoopEndsTheRunningOneWithoutTouchingIt) {
+    FETCH_PARAM p = Param(true);
+    MobileFetch fetch(p);
+    // Every message describes the stream anew: a session reset under the running loop would
+    // set the packer up again at once, for whichever handler it then holds.
+    PushClient client(SocketPath(p),
+                      std::vector<std::string>(200, MediaInfo("audio-aac") + Audio(Adts(3, 2))));
+    NoticeHandler running, second;
+    auto loop = std::async(std::launch::async, [&]() { fetch.DoFetchLoop(&running); });
+    for (int i = 0; i < 1000 && running.Inits() == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    ASSERT_EQ(running.Inits(), 1u);
+
+    fetch.DoFetchLoop(&second);
+    ASSERT_EQ(loop.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    client.Join();
+    EXPECT_EQ(second.Inits(), 0u);
+    EXPECT_TRUE(second.NoticeTypes().empty());
+    EXPECT_EQ(running.Inits(), 1u);
+    EXPECT_EQ(running.NoticeTypes(), (std::vector<std::string>{"startStream", "stopStream"}));
 }
 
 }  // namespace

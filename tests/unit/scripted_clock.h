@@ -10,6 +10,7 @@ public:
     ~ScriptedClock() override { camfetch::SetClockSource(m_previous); }
     long long WallMicros() override { return m_now; }
     long long MonoMicros() override { return m_now - 1600000000000000LL; }
+    void SleepMicros(long long us) override { Advance(us); }
     void Advance(long long us) { m_now += us; }
     long long Now() const { return m_now; }
 
