@@ -21,6 +21,7 @@ RtspReceiver::RtspReceiver()
       m_iResultCode(-1),
       m_bFixProtocol(false),
       m_bStopRequested(false),
+      m_bEndedByItself(false),
       m_watch(kWatchRunning) {}
 
 RtspReceiver::~RtspReceiver() {
@@ -77,10 +78,13 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR, "Rtsp env is NULL.\n");
         return;
     }
+    // A stop that arrived before this call is kept when the host may have meant this loop,
+    // whose thread had not reached this point yet. After a loop that ended by itself it was
+    // meant for that one (a watchdog that raced the end) and must not end this one at once.
+    if (m_bEndedByItself.exchange(false))
+        m_bStopRequested = false;
     const std::string url = BuildUrl(m_param.Host, m_param.Port, m_param.Path);
     m_pCtrler = ctrler;
-    // A stop that arrived before this call is kept: the host may ask to stop a loop whose
-    // thread has not reached this point yet. It is consumed when the loop returns.
     int transport = m_param.Protocol;
     for (;;) {
         m_watch = kWatchRunning;
@@ -127,7 +131,7 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         if (transport == RTSP_PROTOCOL_HTTP)
             break;
     }
-    m_bStopRequested = false;
+    m_bEndedByItself = !m_bStopRequested.exchange(false);
 }
 
 void RtspReceiver::StopRecvLoop(bool stopAll) {

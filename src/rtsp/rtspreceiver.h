@@ -29,7 +29,8 @@ public:
     void DoRecvLoop(ReceiverCtrler* ctrler);
     // From any thread: ends the running session through the clients' event triggers.
     // stopAll false lets auto mode go on with the next transport. A stopAll that comes
-    // before DoRecvLoop has started makes it return at its first attempt.
+    // before DoRecvLoop has started makes it return at its first attempt, unless the loop
+    // before ended by itself: such a stop was meant for that loop and is dropped.
     void StopRecvLoop(bool stopAll);
     // Keeps the transport of the running attempt for good.
     void FixCurProtocol() { m_bFixProtocol = true; }
@@ -64,6 +65,9 @@ private:
     int m_iResultCode;
     bool m_bFixProtocol;
     std::atomic<bool> m_bStopRequested;
+    // The latest loop ended without a stop request: stops that land before the next loop
+    // were meant for that one.
+    std::atomic<bool> m_bEndedByItself;
     // Written only on the loop thread: 0 while the loop runs, -1 to end it.
     EventLoopWatchVariable m_watch;
     // StopRecvLoop reads the set from other threads; the mutex also orders a client's

@@ -199,6 +199,18 @@ TEST_F(ScriptedFixture, StopFromAnotherThreadInEveryPhaseLeaksNothing) {
     EXPECT_EQ(m_server.Requests("TEARDOWN").size(), m_server.Requests("PLAY").size());
 }
 
+// A host's watchdog that races the end of a session must not end the next one at once.
+TEST_F(ScriptedFixture, StopAfterTheLoopEndedByItselfIsDropped) {
+    Serve(Scenario({{"bye_storm", 1}, {"bye_after", 1.0}}));
+    auto fetcher = Fetcher();
+    CollectingHandler first;
+    EXPECT_LT(FetchFor(*fetcher, first, 20), 20) << "the BYE did not end the loop";
+    fetcher->StopFetchLoop();
+    CollectingHandler second;
+    FetchFor(*fetcher, second, 20);
+    EXPECT_GT(second.Count(VIDEO_ES), 0u) << "the late stop ended the next loop at once";
+}
+
 TEST_F(ScriptedFixture, StopWhileTheServerIsSilent) {
     Serve(Scenario({{"never_answer", true}}));
     auto fetcher = Fetcher();
