@@ -1,6 +1,7 @@
 #include "rtsp/rtspclient.h"
 
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "core/log.h"
@@ -14,6 +15,14 @@ constexpr int kDefaultTimeoutSec = 10;
 constexpr long long kMicrosPerSecond = 1000000;
 // Announced session timeout taken when the server gives none.
 constexpr int kAssumedSessionTimeout = 60;
+
+// Server texts often end in a line break of their own; the log line has one already.
+int TrimmedLength(const char* text) {
+    size_t n = strlen(text);
+    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r'))
+        --n;
+    return static_cast<int>(n);
+}
 }  // namespace
 
 StreamClientState::~StreamClientState() {
@@ -146,13 +155,31 @@ void MetaDataRTSPClient::SendGetParameterKeepAlive(void* clientData) {
     auto* client = static_cast<MetaDataRTSPClient*>(clientData);
     client->m_keepAliveTask = nullptr;
     if (client->m_state.session)
-        client->sendGetParameterCommand(*client->m_state.session, IgnoreResponse, nullptr);
+        client->sendGetParameterCommand(*client->m_state.session, GetParameterAnswered, nullptr);
     client->m_keepAliveTask = client->envir().taskScheduler().scheduleDelayedTask(
         client->m_iKeepAliveSec * kMicrosPerSecond, SendGetParameterKeepAlive, client);
 }
 
 void MetaDataRTSPClient::IgnoreResponse(RTSPClient*, int, char* resultString) {
     delete[] resultString;
+}
+
+void MetaDataRTSPClient::GetParameterAnswered(RTSPClient* rtspClient, int resultCode,
+                                              char* resultString) {
+    std::unique_ptr<char[]> text(resultString);
+    auto* client = static_cast<MetaDataRTSPClient*>(rtspClient);
+    // A negative code is the connection failing, not the camera's answer; a second refusal
+    // of requests already under way changes nothing.
+    if (resultCode <= 0 || client->m_iKeepAlive != RTSP_KEEPALIVE_GET_PARAMETER)
+        return;
+    const char* detail = text ? text.get() : "";
+    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING,
+           "URL[%s]: GET_PARAMETER keep-alive refused[%.*s], OPTIONS from now on.\n", client->url(),
+           TrimmedLength(detail), detail);
+    client->m_iKeepAlive = RTSP_KEEPALIVE_OPTIONS;
+    // The refused request kept nothing alive: the first OPTIONS goes now.
+    client->sendOptionsCommand(IgnoreResponse);
+    client->ScheduleKeepAliveTask();
 }
 
 bool MetaDataRTSPClient::CloseSinks() {
@@ -179,16 +206,6 @@ void MetaDataRTSPClient::LogClientPorts(MediaSubsession* subsession) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "client ports %d-%d.\n", subsession->clientPortNum(),
                subsession->clientPortNum() + 1);
 }
-
-namespace {
-// Server texts often end in a line break of their own; the log line has one already.
-int TrimmedLength(const char* text) {
-    size_t n = strlen(text);
-    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r'))
-        --n;
-    return static_cast<int>(n);
-}
-}  // namespace
 
 void MetaDataRTSPClient::Debug(RTSPClient* client, const char* message, const char* detail) {
     if (!client || !message || !detail)

@@ -76,6 +76,9 @@ public:
     static void SendOptionsKeepAlive(void* clientData);
     static void SendGetParameterKeepAlive(void* clientData);
     static void IgnoreResponse(RTSPClient* client, int resultCode, char* resultString);
+    // Cameras that refuse GET_PARAMETER drop the session when their timeout passes: on an
+    // error status the keep-alive falls back to OPTIONS for the rest of the session.
+    static void GetParameterAnswered(RTSPClient* client, int resultCode, char* resultString);
     static void Debug(RTSPClient* client, const char* message, const char* detail);
     static void Debug(RTSPClient* client, MediaSubsession* subsession, const char* message,
                       const char* detail);

@@ -135,6 +135,23 @@ INSTANTIATE_TEST_SUITE_P(
                       KeepAliveCase{"None", 0, 2, "GET_PARAMETER", 0, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Cameras that refuse GET_PARAMETER and drop the session when their timeout passes.
+TEST_F(ScriptedFixture, RefusedGetParameterFallsBackToOptions) {
+    Serve(Scenario({{"reject", Scenario({{"GET_PARAMETER", "405 Method Not Allowed"}})},
+                    {"session_timeout", 4},
+                    {"expire", true}}));
+    LogCapture log;
+    FETCH_PARAM param = LoopbackParam(m_server.Port(), "live/ch1", RTSP_PROTOCOL_TCP, false);
+    param.iKeepAlive = RTSP_KEEPALIVE_GET_PARAMETER;
+    std::unique_ptr<FetcherBase> fetcher(FetcherFactory(1, param));
+    CollectingHandler handler;
+    FetchFor(*fetcher, handler, 7);
+    for (const auto& e : m_server.Events())
+        EXPECT_NE(e["event"].asString(), "session_expired") << "t=" << e["t"].asDouble();
+    EXPECT_GE(m_server.Requests("OPTIONS").size(), 3u);
+    EXPECT_EQ(log.Count("GET_PARAMETER keep-alive refused[405 Method Not Allowed]"), 1);
+}
+
 class ScriptedAuth : public ScriptedFixture, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(ScriptedAuth, DescribeChallengedThenAcceptedWithCredentials) {
