@@ -148,6 +148,9 @@ void RtspFetch::BeforePlayStart(RTSPClient*) {
     }
     // The silence watchdog counts from PLAY: a stream gets its full grace period to start.
     m_pPrivate->lastRecvTime = time(nullptr);
+    // A camera without audio is no fault: the audio format simply stays empty.
+    if (m_pPrivate->bHasAudio && audio.i_codec == 0 && audio.strDescription.empty())
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "No audio in the session, video only.\n");
     m_pPacker->InitPackers(video, audio);
 }
 
