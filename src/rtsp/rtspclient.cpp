@@ -3,10 +3,12 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "core/log.h"
 #include "rtsp/rtspreceiver.h"
 #include "rtsp/socketbatch.h"
+#include "rtsp/tcpstate.h"
 
 namespace {
 constexpr int kVerbosity = 1;
@@ -51,6 +53,7 @@ MetaDataRTSPClient::MetaDataRTSPClient(RtspReceiver& receiver, UsageEnvironment&
       // A zero or negative timeout would end every attempt before the server could answer.
       m_iTimeoutSec(timeoutSec > 0 ? timeoutSec : kDefaultTimeoutSec),
       m_iKeepAliveSec(0),
+      m_ullBytesAtRequest(0),
       m_bClosing(false) {
     m_shutdownTrigger = env.taskScheduler().createEventTrigger(ShutdownTriggered);
     receiver.InsertClient(this);
@@ -80,6 +83,8 @@ void MetaDataRTSPClient::SetupTimeoutTimer() {
     scheduler.unscheduleDelayedTask(m_timerTask);
     m_timerTask =
         scheduler.scheduleDelayedTask(m_iTimeoutSec * kMicrosPerSecond, SetupTimeoutHandler, this);
+    // Before the first request there is no connection yet: nothing received.
+    tcpstate::BytesReceived(socketNum(), m_ullBytesAtRequest);
 }
 
 int MetaDataRTSPClient::KeepAliveInterval(int method, unsigned sessionTimeout) {
@@ -131,6 +136,19 @@ void MetaDataRTSPClient::SetupTimeoutHandler(void* clientData) {
     client->m_timerTask = nullptr;
     if (client->m_bClosing)
         return;
+    // Bytes came but live555 made no response of them (lines that end in a bare LF, say):
+    // the camera answered in a form this client cannot read, which waiting will not mend.
+    uint64_t bytes = 0;
+    if (tcpstate::BytesReceived(client->socketNum(), bytes) &&
+        bytes > client->m_ullBytesAtRequest) {
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING,
+               "URL[%s]: RTSP response not understood, %llu bytes came without a response.\n",
+               client->url(), static_cast<unsigned long long>(bytes - client->m_ullBytesAtRequest));
+        client->m_receiver.NoteEnd(FETCH_END_NOT_UNDERSTOOD, "RTSP response not understood");
+    } else {
+        client->m_receiver.NoteEnd(
+            FETCH_END_TIMEOUT, "no answer within " + std::to_string(client->m_iTimeoutSec) + " s");
+    }
     std::lock_guard<std::mutex> lock(client->m_receiver.m_clientsMutex);
     client->FireShutdown();
 }

@@ -8,6 +8,7 @@
 #include <liveMedia.hh>
 
 #include <atomic>
+#include <cstdint>
 
 class RtspReceiver;
 
@@ -91,8 +92,8 @@ protected:
 private:
     static void ShutdownTriggered(void* clientData);
     // The start of every response handler: the answer ends the setup timeout's wait, and a
-    // failed request leaves its code as the receiver's result.
-    static MetaDataRTSPClient* Answered(RTSPClient* rtspClient, int resultCode);
+    // failed request leaves its code as the receiver's result (a refusal with its text).
+    static MetaDataRTSPClient* Answered(RTSPClient* rtspClient, int resultCode, const char* text);
     // Closes every sink of the session; true when there was one. Clears the BYE handlers.
     bool CloseSinks();
     void LogClientPorts(MediaSubsession* subsession);
@@ -105,5 +106,7 @@ private:
     int m_iKeepAlive;
     int m_iTimeoutSec;
     int m_iKeepAliveSec;
+    // Bytes the connection had received when the pending request went out.
+    uint64_t m_ullBytesAtRequest;
     std::atomic<bool> m_bClosing;
 };

@@ -1,6 +1,6 @@
-// The private record of an RtspFetch: receive buffers, stream formats and the two side
-// channels, with the mutex that guards formats, ext data and ES header between the loop
-// thread and the host's threads.
+// The private record of an RtspFetch: receive buffers, stream formats, the two side channels
+// and the loop's end, with the mutex that guards formats, ext data, ES header and end between
+// the loop thread and the host's threads.
 #pragma once
 
 #include <atomic>
@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "core/esformat.h"
+#include "core/fetchstatus.h"
 
 struct FreeDeleter {
     void operator()(void* p) const { free(p); }
@@ -39,5 +40,6 @@ struct RtspFetchPrivate {
     std::atomic<bool> bKeepEsHeader{false};
     time_t lastRecvTime = 0;  // latest frame that proves the connection (loop thread)
     bool bHasAudio;
+    FETCH_STATUS status;  // how the latest loop ended
     std::mutex mutex;
 };

@@ -429,7 +429,11 @@ TEST_F(ScriptedFixture, ServerClosingMidSessionEndsTheAttempt) {
     CollectingHandler handler;
     const double ran = FetchFor(*fetcher, handler, 60);
     EXPECT_LT(ran, 60) << "the loop did not end by itself";
-    EXPECT_EQ(log.Count("No frame for"), 1);
+    EXPECT_EQ(log.Count("Connection closed by the camera"), 1);
+    FETCH_STATUS status;
+    ASSERT_EQ(GetFetchStatus(fetcher.get(), &status), 0);
+    EXPECT_EQ(status.iEndReason, FETCH_END_DROPPED);
+    EXPECT_EQ(status.bMayReconnect, 1);
 }
 
 struct BadSdpCase {
