@@ -10,8 +10,9 @@ The scenario (a JSON file) can ask for: a fixed SDP, a DESCRIBE answered 401 unt
 credentials come (Basic or Digest), a fixed DESCRIBE status, a session timeout in the
 Session header, a server that never answers, RTP header extensions on every packet, bit
 flips, an oversized frame, a stream that stops, a connection closed mid-session, a storm
-of RTCP BYE packets, methods answered with an error status, and a session that expires when
-no request is accepted within its timeout. Python standard library only; runs until killed (the harness bounds it).
+of RTCP BYE packets, methods answered with an error status, a session that expires when no
+request is accepted within its timeout, UDP transport only, and responses whose lines end in
+a bare LF. Python standard library only; runs until killed (the harness bounds it).
 """
 import argparse
 import base64
@@ -138,6 +139,8 @@ class Session:
         if body:
             text += f"Content-Length: {len(body.encode())}\r\n"
         text += "\r\n" + body
+        if self.sc.get("bare_lf"):
+            text = text.replace("\r\n", "\n")
         with self.send_lock:
             self.conn.sendall(text.encode())
 
@@ -200,6 +203,9 @@ class Session:
         session = self.session_id
         if sc_timeout := self.sc.get("session_timeout"):
             session += f";timeout={sc_timeout}"
+        if "RTP/AVP/TCP" in transport and self.sc.get("udp_only"):
+            self.reply(cseq, "461 Unsupported Transport")
+            return
         if "RTP/AVP/TCP" in transport:
             m = re.search(r"interleaved=(\d+)-(\d+)", transport)
             ch = (int(m.group(1)), int(m.group(2))) if m else (0, 1)

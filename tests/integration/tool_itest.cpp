@@ -108,30 +108,53 @@ TEST_F(ToolHttp, CausesAUserCanLookUp) {
     EXPECT_EQ(ok.out.find("secret"), std::string::npos);
 }
 
-TEST(ToolRtsp, ScriptedServerAnswersNotFoundAndUnauthorized) {
-    testsupport::TempDir dir;
-    struct {
-        const char* scenario;
-        const char* url;
-        const char* cause;
-    } cases[] = {
-        {R"({"describe_status": "404 Stream Not Found"})", "", "404 Not Found"},
-        {R"({"describe_auth": "digest", "password": "right"})", "admin:wrong@", "401 Unauthorized"},
-    };
-    for (auto& c : cases) {
-        const int port = testsupport::FreeLoopbackPort();
-        testsupport::WriteFile(dir.File("scenario.json"), c.scenario);
-        testsupport::ServerProcess server;
+// The scripted RTSP server (scripted_rtsp_server.py) with one scenario, streaming the sample.
+class ToolRtsp : public ::testing::Test {
+protected:
+    // fields: the scenario's, as they stand inside its JSON object.
+    void Serve(const std::string& fields) {
+        server.Stop();
+        port = testsupport::FreeLoopbackPort();
+        testsupport::WriteFile(
+            dir.File("scenario.json"),
+            "{" + fields + (fields.empty() ? "" : ", ") + "\"h264_file\": \"" + kSample + "\"}");
         ASSERT_TRUE(server.Start(
             {"python3", TEST_DATA_DIR "/scripted_rtsp_server.py", "--port", std::to_string(port),
              "--scenario", dir.File("scenario.json"), "--record", dir.File("record.jsonl")},
             60));
         ASSERT_TRUE(testsupport::WaitForTcpPort(port, 15));
-        auto r = Tool(
-            {"fetch", std::string("rtsp://") + c.url + "127.0.0.1:" + std::to_string(port) + "/cam",
-             "-o", dir.File("out"), "--timeout", "3", "--duration", "20"});
+    }
+    std::string Url(const std::string& credentials = "") {
+        return "rtsp://" + credentials + "127.0.0.1:" + std::to_string(port) + "/cam";
+    }
+    static constexpr const char* kSample = TEST_DATA_DIR "/../../tools/camfetch/sample/sample.264";
+    testsupport::ServerProcess server;
+    testsupport::TempDir dir;
+    int port = 0;
+};
+
+TEST_F(ToolRtsp, RefusalsAndUnreadableAnswersSayWhy) {
+    struct {
+        const char* scenario;
+        const char* credentials;
+        const char* cause;
+    } cases[] = {
+        {R"("describe_status": "404 Stream Not Found")", "", "404 Not Found"},
+        {R"("describe_auth": "digest", "password": "right")", "admin:wrong@", "401 Unauthorized"},
+        // A TCP fetch of a camera that streams over UDP only.
+        {R"("udp_only": true)", "", "461 Unsupported Transport"},
+        // live555 reads no response whose lines end in a bare LF.
+        {R"("bare_lf": true)", "", "RTSP response not understood"},
+    };
+    for (auto& c : cases) {
+        Serve(c.scenario);
+        auto r = Tool({"fetch", Url(c.credentials), "-o", dir.File("out"), "--timeout", "3",
+                       "--duration", "20", "--transport", "tcp"});
         EXPECT_EQ(r.exitCode, 1) << c.scenario << "\n" << r.err;
-        EXPECT_NE(r.err.find(c.cause), std::string::npos) << c.scenario << "\n" << r.err;
+        // The tool's own last line names the cause (a log line may name it too).
+        EXPECT_NE(r.err.find(std::string(": ") + c.cause + "\n"), std::string::npos)
+            << c.scenario << "\n"
+            << r.err;
         EXPECT_EQ(r.err.find("wrong"), std::string::npos);
     }
 }

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/fetchstatus.h"
 #include "outputsink.h"
 #include "preflight.h"
 #include "statusline.h"
@@ -67,13 +68,15 @@ bool StopRequested(const Options& o, OutputSink& sink, double start) {
     return o.durationSec > 0 && NowSec() - start >= o.durationSec;
 }
 
-int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status) {
+// One DoFetchLoop on a thread of its own, until it ends or the fetch is to stop; true when
+// the stop was ours.
+bool RunOneLoop(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status,
+                double start) {
     std::atomic<bool> finished{false};
     std::thread loop([&] {
         fetcher.DoFetchLoop(&sink);
         finished = true;
     });
-    const double start = NowSec();
     bool stoppedByUs = false;
     while (!finished.load()) {
         if (StopRequested(o, sink, start)) {
@@ -85,10 +88,36 @@ int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
         sink.WaitForLimit(0.2);
     }
     loop.join();
+    return stoppedByUs;
+}
+
+// Why a push fetch delivered nothing, in the words of the library's status where it has one.
+std::string NothingCause(const Options& o, const FETCH_STATUS* end) {
+    if (o.kind == Kind::kMobile)
+        return "no client pushed any media";
+    if (!end || end->iEndReason == FETCH_END_NONE || end->iEndReason == FETCH_END_STOPPED)
+        return "no media received";
+    switch (end->iEndReason) {
+        case FETCH_END_UNREACHABLE:
+            return WhyNothing(o, end->szReason);
+        case FETCH_END_REFUSED:
+            return StatusCause(end->iStatusCode, end->szReason);
+        default:
+            return end->szReason;
+    }
+}
+
+int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status) {
+    const bool stoppedByUs = RunOneLoop(o, fetcher, sink, status, NowSec());
     status.Finish();
-    if (!sink.AnyDelivered() && !stoppedByUs && !g_interrupted.load())
-        return Fail(o, o.kind == Kind::kMobile ? "no client pushed any media"
-                                               : WhyNothing(o, "no media received"));
+    FETCH_STATUS end;
+    const bool known = GetFetchStatus(&fetcher, &end) == 0;
+    if (g_interrupted.load())
+        return 0;
+    if (!sink.AnyDelivered())
+        return Fail(o, NothingCause(o, known ? &end : nullptr));
+    if (!stoppedByUs && known && end.iEndReason != FETCH_END_STOPPED)
+        fprintf(stderr, "camfetch: the stream ended: %s\n", end.szReason);
     return 0;
 }
 
