@@ -1,7 +1,9 @@
 // The camfetch tool's contract as a user meets it: exit codes and the one-line causes.
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <cstdio>
+#include <memory>
 
 #include "process.h"
 
@@ -12,6 +14,16 @@ using testsupport::RunCommand;
 testsupport::CommandResult Tool(std::vector<std::string> args) {
     args.insert(args.begin(), CAMFETCH_TOOL);
     return RunCommand(args, 120);
+}
+
+// The tool's one JSON object on stdout; null when it printed none.
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+        return Json::Value();
+    return value;
 }
 
 TEST(ToolCli, BadArgumentsExitTwo) {
@@ -157,6 +169,17 @@ TEST_F(ToolRtsp, RefusalsAndUnreadableAnswersSayWhy) {
             << r.err;
         EXPECT_EQ(r.err.find("wrong"), std::string::npos);
     }
+}
+
+TEST_F(ToolRtsp, ProbeReportsTheSessionFormats) {
+    Serve("");
+    auto r = Tool({"probe", Url(), "--transport", "tcp", "--no-audio"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Json::Value probe = ParseJson(r.out);
+    EXPECT_EQ(probe["video"]["codec"].asString(), "h264") << r.out;
+    EXPECT_EQ(probe["video"]["width"].asInt(), 320) << r.out;
+    EXPECT_EQ(probe["video"]["height"].asInt(), 240) << r.out;
+    EXPECT_GT(probe["video"]["extra_size"].asInt(), 8) << r.out;
 }
 
 // The README's first command: the embedded sample camera, fetched like any camera.

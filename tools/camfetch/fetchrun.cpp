@@ -14,6 +14,7 @@
 #include "core/fetchstatus.h"
 #include "outputsink.h"
 #include "preflight.h"
+#include "rtsp/rtspfetch.h"
 #include "statusline.h"
 
 namespace camfetch_tool {
@@ -227,7 +228,13 @@ int RunProbe(const Options& o) {
     if (!fetcher)
         return Fail(o, std::string("this build has no ") + KindName(o.kind) + " fetcher");
     Json::Value out;
-    int connect = fetcher->TestConnect();
+    // A camera that takes no connection is answered within the connect time-out, instead of
+    // after the minute the connection test goes on retrying.
+    Reachability reach;
+    if (o.kind == Kind::kRtsp)
+        reach = CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec);
+    int connect =
+        o.kind != Kind::kRtsp || reach.reachable ? fetcher->TestConnect() : RTSP_TEST_UNREACHABLE;
     out["connect"] = connect;
     ESFormat video, audio;
     fetcher->GetVideoFormat(video);
@@ -241,7 +248,9 @@ int RunProbe(const Options& o) {
     out["audio"]["channels"] = audio.audio.i_channels;
     out["audio"]["extra_size"] = audio.i_extra;
     out["bandwidth"] = connect == 0 ? fetcher->GetBandwidth() : 0;
-    std::string cause = connect == 0 ? std::string() : WhyNothing(o, "connection failed");
+    std::string cause = connect == 0           ? std::string()
+                        : !reach.cause.empty() ? reach.cause
+                                               : WhyNothing(o, "connection failed");
     if (!cause.empty())
         out["error"] = cause;
     Json::StreamWriterBuilder builder;
