@@ -171,6 +171,20 @@ TEST_F(ToolRtsp, RefusalsAndUnreadableAnswersSayWhy) {
     }
 }
 
+// A camera that closes every session after 1.5 s: the fetch reconnects until its duration.
+TEST_F(ToolRtsp, ReconnectOutlastsDroppedSessions) {
+    Serve(R"("close_after": 1.5)");
+    auto r = Tool({"fetch", Url(), "-o", dir.File("out"), "--transport", "tcp", "--duration", "12",
+                   "--reconnect", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Json::Value summary = ParseJson(r.out);
+    EXPECT_GE(summary["reconnects"].asInt(), 1) << r.out;
+    // More pictures than one 1.5 s session holds.
+    EXPECT_GT(summary["video"]["blocks"].asInt(), 40) << r.out;
+    // The sample has no audio, which is not an error.
+    EXPECT_EQ(r.err.find("Unsupported audio codec"), std::string::npos) << r.err;
+}
+
 TEST_F(ToolRtsp, ProbeReportsTheSessionFormats) {
     Serve("");
     auto r = Tool({"probe", Url(), "--transport", "tcp", "--no-audio"});

@@ -5,6 +5,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -92,6 +93,17 @@ bool RunOneLoop(const Options& o, FetcherBase& fetcher, OutputSink& sink, Status
     return stoppedByUs;
 }
 
+// Waits out a reconnection's back-off; false when the fetch is to stop meanwhile.
+bool WaitToReconnect(const Options& o, OutputSink& sink, double start, double seconds) {
+    const double until = NowSec() + seconds;
+    while (NowSec() < until) {
+        if (StopRequested(o, sink, start))
+            return false;
+        usleep(100000);
+    }
+    return true;
+}
+
 // Why a push fetch delivered nothing, in the words of the library's status where it has one.
 std::string NothingCause(const Options& o, const FETCH_STATUS* end) {
     if (o.kind == Kind::kMobile)
@@ -108,11 +120,40 @@ std::string NothingCause(const Options& o, const FETCH_STATUS* end) {
     }
 }
 
-int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status) {
-    const bool stoppedByUs = RunOneLoop(o, fetcher, sink, status, NowSec());
-    status.Finish();
+long long Delivered(OutputSink& sink) {
+    return sink.Video().blocks + sink.Audio().blocks;
+}
+
+int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status,
+            int& reconnects) {
+    constexpr double kFirstBackoffSec = 1;
+    constexpr double kMaxBackoffSec = 30;
+    const double start = NowSec();
+    double backoff = kFirstBackoffSec;
     FETCH_STATUS end;
-    const bool known = GetFetchStatus(&fetcher, &end) == 0;
+    bool known = false;
+    bool stoppedByUs = false;
+    for (;;) {
+        const long long before = Delivered(sink);
+        stoppedByUs = RunOneLoop(o, fetcher, sink, status, start);
+        if (stoppedByUs)
+            break;
+        known = GetFetchStatus(&fetcher, &end) == 0;
+        // A session that delivered shows the camera is live: the next drop starts afresh.
+        if (Delivered(sink) > before)
+            backoff = kFirstBackoffSec;
+        // A camera that never delivered is reported at once, reconnection or not.
+        if (!o.reconnect || !known || !end.bMayReconnect || !sink.AnyDelivered())
+            break;
+        status.Finish();
+        fprintf(stderr, "camfetch: %s; reconnecting in %g s\n", end.szReason, backoff);
+        stoppedByUs = !WaitToReconnect(o, sink, start, backoff);
+        if (stoppedByUs)
+            break;
+        backoff = std::min(backoff * 2, kMaxBackoffSec);
+        ++reconnects;
+    }
+    status.Finish();
     if (g_interrupted.load())
         return 0;
     if (!sink.AnyDelivered())
@@ -215,11 +256,13 @@ int RunFetch(const Options& o) {
     }
     StatusLine status;
     const bool push = o.kind == Kind::kRtsp || o.kind == Kind::kMobile;
-    int rc = push ? RunPush(o, *fetcher, sink, status) : RunPull(o, *fetcher, sink, status);
+    int reconnects = 0;
+    int rc =
+        push ? RunPush(o, *fetcher, sink, status, reconnects) : RunPull(o, *fetcher, sink, status);
     if (push)
         sink.WriteLastFormats();
     if (rc == 0)
-        PrintSummary(o, sink.Video(), sink.Audio(), o.json);
+        PrintSummary(o, sink.Video(), sink.Audio(), reconnects, o.json);
     return rc;
 }
 
