@@ -108,6 +108,11 @@ int Mpeg4AudioPacketizer::InitPacket(PACK_STREAM* stream) {
     stream->pendingBlock = nullptr;
     ESFormat& fmt = stream->fmt;
 
+    // A session without audio hands an empty format: nothing to packetize and nothing wrong.
+    if (fmt.i_codec == 0 && fmt.strDescription.empty()) {
+        m_type = kModeNone;
+        return 0;
+    }
     if (fmt.i_codec != kCodecMp4a) {
         const uint32_t canonical = CanonicalCopyCodec(fmt);
         if (!canonical) {

@@ -10,6 +10,11 @@ constexpr double kSilenceLimitSec = 15;
 constexpr int kMeasureSpanSec = 10;
 }  // namespace
 
+void TestConnectCtrler::AfterSetupSubsession(RTSPClient* client, MediaSubsession* subsession) {
+    if (m_pFormats)
+        m_pFormats->AfterSetupSubsession(client, subsession);
+}
+
 unsigned char* TestConnectCtrler::GetSubsessionRecvBuf(MediaSubsession*, unsigned int& size) {
     // Frames are only counted: live555 truncates them to nothing.
     size = 0;

@@ -12,8 +12,11 @@
 
 class TestConnectCtrler : public ReceiverCtrler {
 public:
-    explicit TestConnectCtrler(bool acceptAudio) : m_bAcceptAudio(acceptAudio) {}
+    // formats, when given, learns the stream formats of every subsession set up.
+    explicit TestConnectCtrler(bool acceptAudio, ReceiverCtrler* formats = nullptr)
+        : m_bAcceptAudio(acceptAudio), m_pFormats(formats) {}
 
+    void AfterSetupSubsession(RTSPClient* client, MediaSubsession* subsession) override;
     unsigned char* GetSubsessionRecvBuf(MediaSubsession* subsession, unsigned int& size) override;
     void RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession, unsigned char* data,
                       unsigned int size, timeval pts) override;
@@ -25,6 +28,7 @@ public:
 private:
     bool m_bGotFrame = false;
     bool m_bAcceptAudio;
+    ReceiverCtrler* m_pFormats;
 };
 
 class BandwidthCtrler : public ReceiverCtrler {

@@ -51,6 +51,7 @@ void MetaDataSink::AfterGettingFrame(unsigned frameSize, unsigned, timeval prese
         frameSize = 0;  // the scratch bytes are not the controller's to see
     CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_DEBUG, "Recv meta data, type[%s], size[%u].\n",
            m_pSubsession->mediumName(), frameSize);
+    m_pReceiver->NoteFrame();
     // A frame larger than the buffer arrives cut to the buffer and goes on as it is; the
     // truncated count and the duration are of no use downstream.
     if (m_pCtrler)

@@ -1,11 +1,14 @@
 #include "rtsp/rtspclient.h"
 
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <string>
 
 #include "core/log.h"
 #include "rtsp/rtspreceiver.h"
 #include "rtsp/socketbatch.h"
+#include "rtsp/tcpstate.h"
 
 namespace {
 constexpr int kVerbosity = 1;
@@ -14,6 +17,14 @@ constexpr int kDefaultTimeoutSec = 10;
 constexpr long long kMicrosPerSecond = 1000000;
 // Announced session timeout taken when the server gives none.
 constexpr int kAssumedSessionTimeout = 60;
+
+// Server texts often end in a line break of their own; the log line has one already.
+int TrimmedLength(const char* text) {
+    size_t n = strlen(text);
+    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r'))
+        --n;
+    return static_cast<int>(n);
+}
 }  // namespace
 
 StreamClientState::~StreamClientState() {
@@ -42,6 +53,7 @@ MetaDataRTSPClient::MetaDataRTSPClient(RtspReceiver& receiver, UsageEnvironment&
       // A zero or negative timeout would end every attempt before the server could answer.
       m_iTimeoutSec(timeoutSec > 0 ? timeoutSec : kDefaultTimeoutSec),
       m_iKeepAliveSec(0),
+      m_ullBytesAtRequest(0),
       m_bClosing(false) {
     m_shutdownTrigger = env.taskScheduler().createEventTrigger(ShutdownTriggered);
     receiver.InsertClient(this);
@@ -71,6 +83,8 @@ void MetaDataRTSPClient::SetupTimeoutTimer() {
     scheduler.unscheduleDelayedTask(m_timerTask);
     m_timerTask =
         scheduler.scheduleDelayedTask(m_iTimeoutSec * kMicrosPerSecond, SetupTimeoutHandler, this);
+    // Before the first request there is no connection yet: nothing received.
+    tcpstate::BytesReceived(socketNum(), m_ullBytesAtRequest);
 }
 
 int MetaDataRTSPClient::KeepAliveInterval(int method, unsigned sessionTimeout) {
@@ -122,6 +136,19 @@ void MetaDataRTSPClient::SetupTimeoutHandler(void* clientData) {
     client->m_timerTask = nullptr;
     if (client->m_bClosing)
         return;
+    // Bytes came but live555 made no response of them (lines that end in a bare LF, say):
+    // the camera answered in a form this client cannot read, which waiting will not mend.
+    uint64_t bytes = 0;
+    if (tcpstate::BytesReceived(client->socketNum(), bytes) &&
+        bytes > client->m_ullBytesAtRequest) {
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING,
+               "URL[%s]: RTSP response not understood, %llu bytes came without a response.\n",
+               client->url(), static_cast<unsigned long long>(bytes - client->m_ullBytesAtRequest));
+        client->m_receiver.NoteEnd(FETCH_END_NOT_UNDERSTOOD, "RTSP response not understood");
+    } else {
+        client->m_receiver.NoteEnd(
+            FETCH_END_TIMEOUT, "no answer within " + std::to_string(client->m_iTimeoutSec) + " s");
+    }
     std::lock_guard<std::mutex> lock(client->m_receiver.m_clientsMutex);
     client->FireShutdown();
 }
@@ -146,13 +173,31 @@ void MetaDataRTSPClient::SendGetParameterKeepAlive(void* clientData) {
     auto* client = static_cast<MetaDataRTSPClient*>(clientData);
     client->m_keepAliveTask = nullptr;
     if (client->m_state.session)
-        client->sendGetParameterCommand(*client->m_state.session, IgnoreResponse, nullptr);
+        client->sendGetParameterCommand(*client->m_state.session, GetParameterAnswered, nullptr);
     client->m_keepAliveTask = client->envir().taskScheduler().scheduleDelayedTask(
         client->m_iKeepAliveSec * kMicrosPerSecond, SendGetParameterKeepAlive, client);
 }
 
 void MetaDataRTSPClient::IgnoreResponse(RTSPClient*, int, char* resultString) {
     delete[] resultString;
+}
+
+void MetaDataRTSPClient::GetParameterAnswered(RTSPClient* rtspClient, int resultCode,
+                                              char* resultString) {
+    std::unique_ptr<char[]> text(resultString);
+    auto* client = static_cast<MetaDataRTSPClient*>(rtspClient);
+    // A negative code is the connection failing, not the camera's answer; a second refusal
+    // of requests already under way changes nothing.
+    if (resultCode <= 0 || client->m_iKeepAlive != RTSP_KEEPALIVE_GET_PARAMETER)
+        return;
+    const char* detail = text ? text.get() : "";
+    CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING,
+           "URL[%s]: GET_PARAMETER keep-alive refused[%.*s], OPTIONS from now on.\n", client->url(),
+           TrimmedLength(detail), detail);
+    client->m_iKeepAlive = RTSP_KEEPALIVE_OPTIONS;
+    // The refused request kept nothing alive: the first OPTIONS goes now.
+    client->sendOptionsCommand(IgnoreResponse);
+    client->ScheduleKeepAliveTask();
 }
 
 bool MetaDataRTSPClient::CloseSinks() {
@@ -179,16 +224,6 @@ void MetaDataRTSPClient::LogClientPorts(MediaSubsession* subsession) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "client ports %d-%d.\n", subsession->clientPortNum(),
                subsession->clientPortNum() + 1);
 }
-
-namespace {
-// Server texts often end in a line break of their own; the log line has one already.
-int TrimmedLength(const char* text) {
-    size_t n = strlen(text);
-    while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r'))
-        --n;
-    return static_cast<int>(n);
-}
-}  // namespace
 
 void MetaDataRTSPClient::Debug(RTSPClient* client, const char* message, const char* detail) {
     if (!client || !message || !detail)

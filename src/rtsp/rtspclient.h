@@ -8,6 +8,7 @@
 #include <liveMedia.hh>
 
 #include <atomic>
+#include <cstdint>
 
 class RtspReceiver;
 
@@ -76,6 +77,9 @@ public:
     static void SendOptionsKeepAlive(void* clientData);
     static void SendGetParameterKeepAlive(void* clientData);
     static void IgnoreResponse(RTSPClient* client, int resultCode, char* resultString);
+    // Cameras that refuse GET_PARAMETER drop the session when their timeout passes: on an
+    // error status the keep-alive falls back to OPTIONS for the rest of the session.
+    static void GetParameterAnswered(RTSPClient* client, int resultCode, char* resultString);
     static void Debug(RTSPClient* client, const char* message, const char* detail);
     static void Debug(RTSPClient* client, MediaSubsession* subsession, const char* message,
                       const char* detail);
@@ -88,8 +92,8 @@ protected:
 private:
     static void ShutdownTriggered(void* clientData);
     // The start of every response handler: the answer ends the setup timeout's wait, and a
-    // failed request leaves its code as the receiver's result.
-    static MetaDataRTSPClient* Answered(RTSPClient* rtspClient, int resultCode);
+    // failed request leaves its code as the receiver's result (a refusal with its text).
+    static MetaDataRTSPClient* Answered(RTSPClient* rtspClient, int resultCode, const char* text);
     // Closes every sink of the session; true when there was one. Clears the BYE handlers.
     bool CloseSinks();
     void LogClientPorts(MediaSubsession* subsession);
@@ -102,5 +106,7 @@ private:
     int m_iKeepAlive;
     int m_iTimeoutSec;
     int m_iKeepAliveSec;
+    // Bytes the connection had received when the pending request went out.
+    uint64_t m_ullBytesAtRequest;
     std::atomic<bool> m_bClosing;
 };

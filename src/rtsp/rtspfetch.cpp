@@ -7,6 +7,7 @@
 #include <new>
 
 #include "core/log.h"
+#include "core/utils.h"
 #include "packer/streampacker.h"
 #include "rtsp/rtspfetchprivate.h"
 #include "rtsp/rtspreceiver.h"
@@ -141,6 +142,9 @@ void RtspFetch::BeforePlayStart(RTSPClient*) {
     }
     // The silence watchdog counts from PLAY: a stream gets its full grace period to start.
     m_pPrivate->lastRecvTime = time(nullptr);
+    // A camera without audio is no fault: the audio format simply stays empty.
+    if (m_pPrivate->bHasAudio && audio.i_codec == 0 && audio.strDescription.empty())
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_INFO, "No audio in the session, video only.\n");
     m_pPacker->InitPackers(video, audio);
 }
 
@@ -189,7 +193,7 @@ void RtspFetch::RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession
         return;
     }
     if (rc != 0)
-        receiver->StopRecvLoop(false);
+        receiver->StopAttempt(FETCH_END_DROPPED, "the stream packer gave the stream up");
 }
 
 int RtspFetch::GetPollingTmSec() {
@@ -199,22 +203,77 @@ int RtspFetch::GetPollingTmSec() {
 void RtspFetch::PollingTask(RtspReceiver* receiver) {
     if (!m_pPrivate || !receiver)
         return;
+    // Over TCP the media come through the RTSP connection: once the camera has closed it,
+    // nothing more will come, and waiting for the silence watchdog only loses time. A
+    // recording played back ends so; a live stream does not end.
+    if (receiver->CurrentProtocol() != RTSP_PROTOCOL_UDP && receiver->ConnectionClosed()) {
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING,
+               "Connection closed by the camera, stop the session.\n");
+        if (m_recvParam.AbsStartTime != 0)
+            receiver->StopAttempt(FETCH_END_STREAM_END, "the camera ended the stream");
+        else
+            receiver->StopAttempt(FETCH_END_DROPPED, "session dropped by the camera");
+        return;
+    }
     const double silent = difftime(time(nullptr), m_pPrivate->lastRecvTime);
     if (silent > kSilenceLimitSec) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_WARNING, "No frame for %d seconds, stop the session.\n",
                static_cast<int>(silent));
-        receiver->StopRecvLoop(false);
+        receiver->StopAttempt(
+            FETCH_END_DROPPED,
+            receiver->AttemptGotFrame()
+                ? "no media for " + std::to_string(static_cast<int>(silent)) + " seconds"
+                : std::string("no media received"));
     }
 }
 
 void RtspFetch::DoFetchLoop(MediaDataHandler* handler) {
     if (!m_pReceiver || !m_pPacker) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR, "NULL rtsp receiver or stream packer.\n");
+        SetLoopEnd(RtspLoopEnd{FETCH_END_FAILED, 0, "no RTSP receiver"});
         return;
     }
+    SetLoopEnd(RtspLoopEnd());
     m_pPacker->SetDataHandler(handler);
     m_pReceiver->DoRecvLoop(this);
     m_pPacker->Free();
+    SetLoopEnd(m_pReceiver->LoopEnd());
+}
+
+bool RtspFetch::MayReconnect(int reason, int statusCode) {
+    switch (reason) {
+        case FETCH_END_DROPPED:
+        case FETCH_END_UNREACHABLE:
+        case FETCH_END_TIMEOUT:
+            return true;
+        case FETCH_END_REFUSED:
+            // 5xx: the camera is busy or failing for now (too many clients, say).
+            return statusCode >= 500 && statusCode < 600;
+        default:
+            return false;
+    }
+}
+
+void RtspFetch::SetLoopEnd(const RtspLoopEnd& end) {
+    if (!m_pPrivate)
+        return;
+    std::lock_guard<std::mutex> lock(m_pPrivate->mutex);
+    FETCH_STATUS& status = m_pPrivate->status;
+    status.iEndReason = end.reason;
+    status.iStatusCode = end.status;
+    status.bMayReconnect = MayReconnect(end.reason, end.status) ? 1 : 0;
+    SafeCopy(status.szReason, end.text.c_str(), sizeof status.szReason);
+}
+
+void RtspFetch::FillFetchStatus(FETCH_STATUS& status) {
+    if (!m_pPrivate) {
+        status = FETCH_STATUS();
+        status.iEndReason = FETCH_END_FAILED;
+        SafeCopy(status.szReason, "no RTSP receiver", sizeof status.szReason);
+        return;
+    }
+    std::lock_guard<std::mutex> lock(m_pPrivate->mutex);
+    status = m_pPrivate->status;
 }
 
 void RtspFetch::StopFetchLoop() {

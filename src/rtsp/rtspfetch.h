@@ -4,12 +4,14 @@
 // delivers whole access units to the host's MediaDataHandler. Two side channels for the
 // host: the latest RTP header extension of the video stream (ext data) and the latest
 // in-band SEI or MPEG-4 user-data head (ES header). Owns its receiver, packer and buffers.
+// Why its latest loop ended is told through GetFetchStatus (core/fetchstatus.h).
 #pragma once
 
 #include <ctime>
 #include <memory>
 
 #include "core/fetcher.h"
+#include "core/fetchstatus.h"
 #include "rtsp/receiverctrler.h"
 #include "rtsp/rtsprecvparam.h"
 
@@ -32,7 +34,9 @@ constexpr int RTSP_EXT_NO_ROOM = 7;
 constexpr uint32_t RTSP_FLAG_AUDIO_KEEPS_ALIVE = 8;  // audio frames prove the connection too
 constexpr uint32_t RTSP_FLAG_DROP_SDP_EXTRA = 16;    // the SDP's codec configuration is dropped
 
-class RtspFetch : public ReceiverCtrler, public FetcherBase {
+struct RtspLoopEnd;
+
+class RtspFetch : public ReceiverCtrler, public FetcherBase, public FetchStatusSource {
 public:
     explicit RtspFetch(const FETCH_PARAM& param);
     ~RtspFetch() override;
@@ -58,6 +62,9 @@ public:
     int TestConnect() override;
     int GetBandwidth() override;
 
+    // FetchStatusSource, for any thread.
+    void FillFetchStatus(FETCH_STATUS& status) override;
+
     // Side channels, for host threads.
     unsigned int GetExtDataLen();
     int FetchExtData(unsigned char* buf, unsigned int bufSize);
@@ -70,8 +77,12 @@ public:
     static int TestConnectResult(bool gotFrame, int resultCode);
     // The live555 raw-packet hook of the video RTP source: keeps the header extension.
     static void OnVideoRtpPacket(void* clientData, unsigned char* packet, unsigned& packetSize);
+    // Whether calling DoFetchLoop again may help after a loop that ended so.
+    static bool MayReconnect(int reason, int statusCode);
 
 private:
+    void SetLoopEnd(const RtspLoopEnd& end);
+
     std::unique_ptr<RtspFetchPrivate> m_pPrivate;
     std::unique_ptr<StreamPacker> m_pPacker;
     std::unique_ptr<RtspReceiver> m_pReceiver;

@@ -1,6 +1,6 @@
-// The private record of an RtspFetch: receive buffers, stream formats and the two side
-// channels, with the mutex that guards formats, ext data and ES header between the loop
-// thread and the host's threads.
+// The private record of an RtspFetch: receive buffers, stream formats, the two side channels
+// and the loop's end, with the mutex that guards formats, ext data, ES header and end between
+// the loop thread and the host's threads.
 #pragma once
 
 #include <atomic>
@@ -12,6 +12,7 @@
 
 #include "core/bufferalloc.h"
 #include "core/esformat.h"
+#include "core/fetchstatus.h"
 
 struct RtspFetchPrivate {
     static constexpr uint32_t kExtDataCapacity = 0x10000;
@@ -37,5 +38,6 @@ struct RtspFetchPrivate {
     std::atomic<bool> bKeepEsHeader{false};
     time_t lastRecvTime = 0;  // latest frame that proves the connection (loop thread)
     bool bHasAudio;
+    FETCH_STATUS status;  // how the latest loop ended
     std::mutex mutex;
 };

@@ -8,6 +8,7 @@
 #include "rtsp/pollscheduler.h"
 #include "rtsp/rtspclient.h"
 #include "rtsp/socketbatch.h"
+#include "rtsp/tcpstate.h"
 
 namespace {
 constexpr char kWatchRunning = 0;
@@ -21,6 +22,8 @@ RtspReceiver::RtspReceiver()
       m_iResultCode(-1),
       m_bFixProtocol(false),
       m_bStopRequested(false),
+      m_bEndedByItself(false),
+      m_bAttemptGotFrame(false),
       m_watch(kWatchRunning) {}
 
 RtspReceiver::~RtspReceiver() {
@@ -77,14 +80,20 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR, "Rtsp env is NULL.\n");
         return;
     }
+    // A stop that arrived before this call is kept when the host may have meant this loop,
+    // whose thread had not reached this point yet. After a loop that ended by itself it was
+    // meant for that one (a watchdog that raced the end) and must not end this one at once.
+    if (m_bEndedByItself.exchange(false))
+        m_bStopRequested = false;
     const std::string url = BuildUrl(m_param.Host, m_param.Port, m_param.Path);
     m_pCtrler = ctrler;
-    // A stop that arrived before this call is kept: the host may ask to stop a loop whose
-    // thread has not reached this point yet. It is consumed when the loop returns.
     int transport = m_param.Protocol;
     for (;;) {
         m_watch = kWatchRunning;
         m_iResultCode = 0;
+        m_attemptEnd = RtspLoopEnd();
+        m_refusal = RtspLoopEnd();
+        m_bAttemptGotFrame = false;
         if (!m_bFixProtocol) {
             transport = NextAutoProtocol(transport);
             m_param.Protocol = transport;
@@ -102,6 +111,7 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
                    url.c_str(), m_pEnv->getResultMsg());
             // Nothing could ever end this attempt's loop: let it return at once.
             m_watch = kWatchStop;
+            NoteEnd(FETCH_END_FAILED, "no RTSP client could be created");
         } else {
             if (!m_param.UserAgent.empty())
                 client->setUserAgentString(m_param.UserAgent.c_str());
@@ -120,6 +130,7 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         }
         m_pEnv->taskScheduler().doEventLoop(&m_watch);
         CloseAllClients();
+        m_loopEnd = AttemptOutcome();
 
         if (m_bStopRequested || m_bFixProtocol)
             break;
@@ -127,7 +138,42 @@ void RtspReceiver::DoRecvLoop(ReceiverCtrler* ctrler) {
         if (transport == RTSP_PROTOCOL_HTTP)
             break;
     }
-    m_bStopRequested = false;
+    const bool stopped = m_bStopRequested.exchange(false);
+    m_bEndedByItself = !stopped;
+    if (stopped)
+        m_loopEnd = RtspLoopEnd{FETCH_END_STOPPED, 0, "stopped"};
+}
+
+void RtspReceiver::NoteEnd(int reason, const std::string& text) {
+    if (m_attemptEnd.reason == FETCH_END_NONE)
+        m_attemptEnd = RtspLoopEnd{reason, 0, text};
+}
+
+void RtspReceiver::StopAttempt(int reason, const std::string& text) {
+    NoteEnd(reason, text);
+    StopRecvLoop(false);
+}
+
+void RtspReceiver::NoteRefusal(int status, const std::string& text) {
+    m_refusal = RtspLoopEnd{FETCH_END_REFUSED, status, text};
+}
+
+RtspLoopEnd RtspReceiver::AttemptOutcome() const {
+    // A camera that refused a request and then sent nothing failed for that refusal, whatever
+    // ended the attempt afterwards (the PLAY of nothing, the silence watchdog).
+    if (!m_bAttemptGotFrame && m_refusal.reason != FETCH_END_NONE)
+        return m_refusal;
+    if (m_attemptEnd.reason != FETCH_END_NONE)
+        return m_attemptEnd;
+    return RtspLoopEnd{FETCH_END_FAILED, 0, "the session ended"};
+}
+
+bool RtspReceiver::ConnectionClosed() {
+    std::lock_guard<std::mutex> lock(m_clientsMutex);
+    for (RTSPClient* c : m_clients)
+        if (tcpstate::PeerClosed(c->socketNum()))
+            return true;
+    return false;
 }
 
 void RtspReceiver::StopRecvLoop(bool stopAll) {

@@ -12,8 +12,16 @@
 #include <set>
 #include <string>
 
+#include "core/fetchstatus.h"
 #include "rtsp/receiverctrler.h"
 #include "rtsp/rtsprecvparam.h"
+
+// How a receive loop ended, in the terms of FETCH_STATUS.
+struct RtspLoopEnd {
+    int reason = FETCH_END_NONE;  // FETCH_END_*
+    int status = 0;               // the camera's status code of a refusal
+    std::string text;             // one line for people
+};
 
 class RtspReceiver {
 public:
@@ -29,7 +37,8 @@ public:
     void DoRecvLoop(ReceiverCtrler* ctrler);
     // From any thread: ends the running session through the clients' event triggers.
     // stopAll false lets auto mode go on with the next transport. A stopAll that comes
-    // before DoRecvLoop has started makes it return at its first attempt.
+    // before DoRecvLoop has started makes it return at its first attempt, unless the loop
+    // before ended by itself: such a stop was meant for that loop and is dropped.
     void StopRecvLoop(bool stopAll);
     // Keeps the transport of the running attempt for good.
     void FixCurProtocol() { m_bFixProtocol = true; }
@@ -39,6 +48,19 @@ public:
     // last failed DESCRIBE, SETUP or PLAY (positive: RTSP status; negative: system error).
     int GetResultCode() const { return m_iResultCode; }
     ReceiverCtrler* GetRecvCtrler() const { return m_pCtrler; }
+
+    // Why the running attempt ends: the first cause noted is kept. Loop thread only.
+    void NoteEnd(int reason, const std::string& text);
+    // A controller's decision to end the attempt, for this cause.
+    void StopAttempt(int reason, const std::string& text);
+    // A request the camera refused; it explains an attempt that ends without media.
+    void NoteRefusal(int status, const std::string& text);
+    void NoteFrame() { m_bAttemptGotFrame = true; }
+    bool AttemptGotFrame() const { return m_bAttemptGotFrame; }
+    // True once the camera has closed the RTSP connection of the running attempt.
+    bool ConnectionClosed();
+    // How the latest DoRecvLoop ended; for its thread, once it has returned.
+    const RtspLoopEnd& LoopEnd() const { return m_loopEnd; }
     // The stored parameters; Protocol is the transport of the running attempt. Meant for
     // the loop thread (controllers) or after the loop has returned.
     RTSP_RECV_PARAM GetRecvParam() const { return m_param; }
@@ -56,6 +78,8 @@ public:
 private:
     friend class MetaDataRTSPClient;  // retires its trigger under m_clientsMutex
     void CloseAllClients();
+    // The attempt's end as the host should hear it.
+    RtspLoopEnd AttemptOutcome() const;
 
     RTSP_RECV_PARAM m_param;
     ReceiverCtrler* m_pCtrler;
@@ -64,6 +88,13 @@ private:
     int m_iResultCode;
     bool m_bFixProtocol;
     std::atomic<bool> m_bStopRequested;
+    // The latest loop ended without a stop request: stops that land before the next loop
+    // were meant for that one.
+    std::atomic<bool> m_bEndedByItself;
+    RtspLoopEnd m_attemptEnd;
+    RtspLoopEnd m_refusal;
+    bool m_bAttemptGotFrame;
+    RtspLoopEnd m_loopEnd;
     // Written only on the loop thread: 0 while the loop runs, -1 to end it.
     EventLoopWatchVariable m_watch;
     // StopRecvLoop reads the set from other threads; the mutex also orders a client's

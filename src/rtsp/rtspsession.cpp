@@ -1,5 +1,6 @@
 // The request chain of one session attempt: DESCRIBE, one SETUP per accepted subsession,
 // PLAY, then the ways a session ends (sinks closed, RTCP BYE, duration, shutdown).
+#include <cstring>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,22 @@ inline MetaDataRTSPClient* Client(RTSPClient* client) {
 inline const char* TextOrEmpty(const ResultText& text) {
     return text ? text.get() : "";
 }
+
+// The first line of a text a server or live555 wrote: the reasons kept for the host are one
+// line each.
+std::string FirstLine(const char* text) {
+    return std::string(text, strcspn(text, "\r\n"));
+}
+
+// "461 Unsupported Transport": live555 gives the status line's tail, which names the code
+// itself on most servers.
+std::string RefusalText(int resultCode, const char* text) {
+    std::string line = FirstLine(text);
+    const std::string code = std::to_string(resultCode);
+    if (line.compare(0, code.size(), code) != 0)
+        line = code + (line.empty() ? "" : " ") + line;
+    return line;
+}
 }  // namespace
 
 MediaSession* ParsedMediaSession::CreateNew(UsageEnvironment& env, const char* sdp) {
@@ -35,21 +52,26 @@ MediaSession* ParsedMediaSession::CreateNew(UsageEnvironment& env, const char* s
     return session;
 }
 
-MetaDataRTSPClient* MetaDataRTSPClient::Answered(RTSPClient* rtspClient, int resultCode) {
+MetaDataRTSPClient* MetaDataRTSPClient::Answered(RTSPClient* rtspClient, int resultCode,
+                                                 const char* text) {
     MetaDataRTSPClient* client = Client(rtspClient);
     client->envir().taskScheduler().unscheduleDelayedTask(client->m_timerTask);
     if (resultCode != 0)
         client->m_receiver.SetResultCode(resultCode);
+    if (resultCode > 0)
+        client->m_receiver.NoteRefusal(resultCode, RefusalText(resultCode, text ? text : ""));
     return client;
 }
 
 void MetaDataRTSPClient::ContinueAfterDESCRIBE(RTSPClient* rtspClient, int resultCode,
                                                char* resultString) {
-    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode, resultString);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
     if (resultCode != 0) {
         Debug(client, "Failed to get a SDP description", TextOrEmpty(text));
+        if (resultCode < 0)
+            client->m_receiver.NoteEnd(FETCH_END_UNREACHABLE, FirstLine(TextOrEmpty(text)));
         ShutdownStream(client);
         return;
     }
@@ -61,11 +83,13 @@ void MetaDataRTSPClient::ContinueAfterDESCRIBE(RTSPClient* rtspClient, int resul
     if (!state.session) {
         Debug(client, "Failed to create a MediaSession object from the SDP description",
               env.getResultMsg());
+        client->m_receiver.NoteEnd(FETCH_END_FAILED, "unusable session description");
         ShutdownStream(client);
         return;
     }
     if (!state.session->hasSubsessions()) {
         Debug(client, "This pSession has no media subsessions", "i.e., no \"m=\" lines");
+        client->m_receiver.NoteEnd(FETCH_END_FAILED, "no media in the session description");
         ShutdownStream(client);
         return;
     }
@@ -119,7 +143,7 @@ void MetaDataRTSPClient::SetupNextSubsession(RTSPClient* rtspClient) {
 
 void MetaDataRTSPClient::ContinueAfterSETUP(RTSPClient* rtspClient, int resultCode,
                                             char* resultString) {
-    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode, resultString);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
     MediaSubsession* sub = client->m_state.subsession;
@@ -151,11 +175,12 @@ void MetaDataRTSPClient::ContinueAfterSETUP(RTSPClient* rtspClient, int resultCo
 void MetaDataRTSPClient::ContinueAfterPLAY(RTSPClient* rtspClient, int resultCode,
                                            char* resultString) {
     // The setup timeout covers DESCRIBE, each SETUP and PLAY, and nothing after.
-    MetaDataRTSPClient* client = Answered(rtspClient, resultCode);
+    MetaDataRTSPClient* client = Answered(rtspClient, resultCode, resultString);
     ResultText text(resultString);
     UsageEnvironment& env = client->envir();
     if (resultCode != 0) {
         Debug(client, "Failed to start playing pSession", TextOrEmpty(text));
+        client->m_receiver.NoteEnd(FETCH_END_FAILED, FirstLine(TextOrEmpty(text)));
         ShutdownStream(client);
         return;
     }
@@ -185,18 +210,22 @@ void MetaDataRTSPClient::SubsessionAfterPlaying(void* clientData) {
     while (MediaSubsession* other = iter.next())
         if (other->sink)
             return;
+    client->m_receiver.NoteEnd(FETCH_END_STREAM_END, "the camera ended the stream");
     ShutdownStream(client);
 }
 
 void MetaDataRTSPClient::SubsessionByeHandler(void* clientData) {
     auto* sub = static_cast<MediaSubsession*>(clientData);
-    Debug(static_cast<RTSPClient*>(sub->miscPtr), sub, "Received RTCP \"BYE\"", "");
+    auto* client = static_cast<MetaDataRTSPClient*>(sub->miscPtr);
+    Debug(client, sub, "Received RTCP \"BYE\"", "");
+    client->m_receiver.NoteEnd(FETCH_END_STREAM_END, "end of stream (RTCP BYE)");
     SubsessionAfterPlaying(sub);
 }
 
 void MetaDataRTSPClient::StreamTimerHandler(void* clientData) {
     auto* client = static_cast<MetaDataRTSPClient*>(clientData);
     client->m_state.streamTimerTask = nullptr;
+    client->m_receiver.NoteEnd(FETCH_END_STREAM_END, "end of the play range");
     ShutdownStream(client);
 }
 

@@ -135,6 +135,23 @@ INSTANTIATE_TEST_SUITE_P(
                       KeepAliveCase{"None", 0, 2, "GET_PARAMETER", 0, 0}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// Cameras that refuse GET_PARAMETER and drop the session when their timeout passes.
+TEST_F(ScriptedFixture, RefusedGetParameterFallsBackToOptions) {
+    Serve(Scenario({{"reject", Scenario({{"GET_PARAMETER", "405 Method Not Allowed"}})},
+                    {"session_timeout", 4},
+                    {"expire", true}}));
+    LogCapture log;
+    FETCH_PARAM param = LoopbackParam(m_server.Port(), "live/ch1", RTSP_PROTOCOL_TCP, false);
+    param.iKeepAlive = RTSP_KEEPALIVE_GET_PARAMETER;
+    std::unique_ptr<FetcherBase> fetcher(FetcherFactory(1, param));
+    CollectingHandler handler;
+    FetchFor(*fetcher, handler, 7);
+    for (const auto& e : m_server.Events())
+        EXPECT_NE(e["event"].asString(), "session_expired") << "t=" << e["t"].asDouble();
+    EXPECT_GE(m_server.Requests("OPTIONS").size(), 3u);
+    EXPECT_EQ(log.Count("GET_PARAMETER keep-alive refused[405 Method Not Allowed]"), 1);
+}
+
 class ScriptedAuth : public ScriptedFixture, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(ScriptedAuth, DescribeChallengedThenAcceptedWithCredentials) {
@@ -197,6 +214,18 @@ TEST_F(ScriptedFixture, StopFromAnotherThreadInEveryPhaseLeaksNothing) {
     ASSERT_TRUE(m_server.WaitForLastEvent("closed", 5));
     // Every session that got as far as PLAY was torn down.
     EXPECT_EQ(m_server.Requests("TEARDOWN").size(), m_server.Requests("PLAY").size());
+}
+
+// A host's watchdog that races the end of a session must not end the next one at once.
+TEST_F(ScriptedFixture, StopAfterTheLoopEndedByItselfIsDropped) {
+    Serve(Scenario({{"bye_storm", 1}, {"bye_after", 1.0}}));
+    auto fetcher = Fetcher();
+    CollectingHandler first;
+    EXPECT_LT(FetchFor(*fetcher, first, 20), 20) << "the BYE did not end the loop";
+    fetcher->StopFetchLoop();
+    CollectingHandler second;
+    FetchFor(*fetcher, second, 20);
+    EXPECT_GT(second.Count(VIDEO_ES), 0u) << "the late stop ended the next loop at once";
 }
 
 TEST_F(ScriptedFixture, StopWhileTheServerIsSilent) {
@@ -400,7 +429,11 @@ TEST_F(ScriptedFixture, ServerClosingMidSessionEndsTheAttempt) {
     CollectingHandler handler;
     const double ran = FetchFor(*fetcher, handler, 60);
     EXPECT_LT(ran, 60) << "the loop did not end by itself";
-    EXPECT_EQ(log.Count("No frame for"), 1);
+    EXPECT_EQ(log.Count("Connection closed by the camera"), 1);
+    FETCH_STATUS status;
+    ASSERT_EQ(GetFetchStatus(fetcher.get(), &status), 0);
+    EXPECT_EQ(status.iEndReason, FETCH_END_DROPPED);
+    EXPECT_EQ(status.bMayReconnect, 1);
 }
 
 struct BadSdpCase {

@@ -9,8 +9,10 @@ connection event as JSON lines, so a test can check exactly what the client sent
 The scenario (a JSON file) can ask for: a fixed SDP, a DESCRIBE answered 401 until
 credentials come (Basic or Digest), a fixed DESCRIBE status, a session timeout in the
 Session header, a server that never answers, RTP header extensions on every packet, bit
-flips, an oversized frame, a stream that stops, a connection closed mid-session and a storm
-of RTCP BYE packets. Python standard library only; runs until killed (the harness bounds it).
+flips, an oversized frame, a stream that stops, a connection closed mid-session, a storm
+of RTCP BYE packets, methods answered with an error status, a session that expires when no
+request is accepted within its timeout, UDP transport only, and responses whose lines end in
+a bare LF. Python standard library only; runs until killed (the harness bounds it).
 """
 import argparse
 import base64
@@ -79,6 +81,7 @@ class Session:
         self.session_id = "5EE55100"
         self.rng = random.Random(self.sc.get("seed", 7))
         self.udp = None
+        self.last_accepted = time.time()
 
     # -- RTSP --------------------------------------------------------------------------
     def run(self):
@@ -136,6 +139,8 @@ class Session:
         if body:
             text += f"Content-Length: {len(body.encode())}\r\n"
         text += "\r\n" + body
+        if self.sc.get("bare_lf"):
+            text = text.replace("\r\n", "\n")
         with self.send_lock:
             self.conn.sendall(text.encode())
 
@@ -159,6 +164,10 @@ class Session:
     def handle(self, method, url, headers):
         cseq = headers.get("cseq", "0")
         sc = self.sc
+        if method in sc.get("reject", {}):
+            self.reply(cseq, sc["reject"][method])
+            return
+        self.last_accepted = time.time()
         if method == "OPTIONS":
             self.reply(cseq, headers={
                 "Public": "OPTIONS, DESCRIBE, SETUP, PLAY, TEARDOWN, GET_PARAMETER"})
@@ -194,6 +203,9 @@ class Session:
         session = self.session_id
         if sc_timeout := self.sc.get("session_timeout"):
             session += f";timeout={sc_timeout}"
+        if "RTP/AVP/TCP" in transport and self.sc.get("udp_only"):
+            self.reply(cseq, "461 Unsupported Transport")
+            return
         if "RTP/AVP/TCP" in transport:
             m = re.search(r"interleaved=(\d+)-(\d+)", transport)
             ch = (int(m.group(1)), int(m.group(2))) if m else (0, 1)
@@ -281,6 +293,11 @@ class Session:
                     for _ in range(sc["bye_storm"]):
                         self.send_packet(self.bye(), rtcp=True)
                     rec.write(event="bye_storm")
+                    return
+                if sc.get("expire") and time.time() - self.last_accepted > sc["session_timeout"]:
+                    rec.write(event="session_expired")
+                    self.stop.set()
+                    self.conn.shutdown(socket.SHUT_RDWR)
                     return
                 if "stop_after" in sc and elapsed >= sc["stop_after"]:
                     rec.write(event="stopped_sending")

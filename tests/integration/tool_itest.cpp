@@ -1,7 +1,9 @@
 // The camfetch tool's contract as a user meets it: exit codes and the one-line causes.
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <cstdio>
+#include <memory>
 
 #include "process.h"
 
@@ -12,6 +14,16 @@ using testsupport::RunCommand;
 testsupport::CommandResult Tool(std::vector<std::string> args) {
     args.insert(args.begin(), CAMFETCH_TOOL);
     return RunCommand(args, 120);
+}
+
+// The tool's one JSON object on stdout; null when it printed none.
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    std::string errors;
+    std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+    if (!reader->parse(text.data(), text.data() + text.size(), &value, &errors))
+        return Json::Value();
+    return value;
 }
 
 TEST(ToolCli, BadArgumentsExitTwo) {
@@ -108,32 +120,80 @@ TEST_F(ToolHttp, CausesAUserCanLookUp) {
     EXPECT_EQ(ok.out.find("secret"), std::string::npos);
 }
 
-TEST(ToolRtsp, ScriptedServerAnswersNotFoundAndUnauthorized) {
-    testsupport::TempDir dir;
-    struct {
-        const char* scenario;
-        const char* url;
-        const char* cause;
-    } cases[] = {
-        {R"({"describe_status": "404 Stream Not Found"})", "", "404 Not Found"},
-        {R"({"describe_auth": "digest", "password": "right"})", "admin:wrong@", "401 Unauthorized"},
-    };
-    for (auto& c : cases) {
-        const int port = testsupport::FreeLoopbackPort();
-        testsupport::WriteFile(dir.File("scenario.json"), c.scenario);
-        testsupport::ServerProcess server;
+// The scripted RTSP server (scripted_rtsp_server.py) with one scenario, streaming the sample.
+class ToolRtsp : public ::testing::Test {
+protected:
+    // fields: the scenario's, as they stand inside its JSON object.
+    void Serve(const std::string& fields) {
+        server.Stop();
+        port = testsupport::FreeLoopbackPort();
+        testsupport::WriteFile(
+            dir.File("scenario.json"),
+            "{" + fields + (fields.empty() ? "" : ", ") + "\"h264_file\": \"" + kSample + "\"}");
         ASSERT_TRUE(server.Start(
             {"python3", TEST_DATA_DIR "/scripted_rtsp_server.py", "--port", std::to_string(port),
              "--scenario", dir.File("scenario.json"), "--record", dir.File("record.jsonl")},
             60));
         ASSERT_TRUE(testsupport::WaitForTcpPort(port, 15));
-        auto r = Tool(
-            {"fetch", std::string("rtsp://") + c.url + "127.0.0.1:" + std::to_string(port) + "/cam",
-             "-o", dir.File("out"), "--timeout", "3", "--duration", "20"});
+    }
+    std::string Url(const std::string& credentials = "") {
+        return "rtsp://" + credentials + "127.0.0.1:" + std::to_string(port) + "/cam";
+    }
+    static constexpr const char* kSample = TEST_DATA_DIR "/../../tools/camfetch/sample/sample.264";
+    testsupport::ServerProcess server;
+    testsupport::TempDir dir;
+    int port = 0;
+};
+
+TEST_F(ToolRtsp, RefusalsAndUnreadableAnswersSayWhy) {
+    struct {
+        const char* scenario;
+        const char* credentials;
+        const char* cause;
+    } cases[] = {
+        {R"("describe_status": "404 Stream Not Found")", "", "404 Not Found"},
+        {R"("describe_auth": "digest", "password": "right")", "admin:wrong@", "401 Unauthorized"},
+        // A TCP fetch of a camera that streams over UDP only.
+        {R"("udp_only": true)", "", "461 Unsupported Transport"},
+        // live555 reads no response whose lines end in a bare LF.
+        {R"("bare_lf": true)", "", "RTSP response not understood"},
+    };
+    for (auto& c : cases) {
+        Serve(c.scenario);
+        auto r = Tool({"fetch", Url(c.credentials), "-o", dir.File("out"), "--timeout", "3",
+                       "--duration", "20", "--transport", "tcp"});
         EXPECT_EQ(r.exitCode, 1) << c.scenario << "\n" << r.err;
-        EXPECT_NE(r.err.find(c.cause), std::string::npos) << c.scenario << "\n" << r.err;
+        // The tool's own last line names the cause (a log line may name it too).
+        EXPECT_NE(r.err.find(std::string(": ") + c.cause + "\n"), std::string::npos)
+            << c.scenario << "\n"
+            << r.err;
         EXPECT_EQ(r.err.find("wrong"), std::string::npos);
     }
+}
+
+// A camera that closes every session after 1.5 s: the fetch reconnects until its duration.
+TEST_F(ToolRtsp, ReconnectOutlastsDroppedSessions) {
+    Serve(R"("close_after": 1.5)");
+    auto r = Tool({"fetch", Url(), "-o", dir.File("out"), "--transport", "tcp", "--duration", "12",
+                   "--reconnect", "--json"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Json::Value summary = ParseJson(r.out);
+    EXPECT_GE(summary["reconnects"].asInt(), 1) << r.out;
+    // More pictures than one 1.5 s session holds.
+    EXPECT_GT(summary["video"]["blocks"].asInt(), 40) << r.out;
+    // The sample has no audio, which is not an error.
+    EXPECT_EQ(r.err.find("Unsupported audio codec"), std::string::npos) << r.err;
+}
+
+TEST_F(ToolRtsp, ProbeReportsTheSessionFormats) {
+    Serve("");
+    auto r = Tool({"probe", Url(), "--transport", "tcp", "--no-audio"});
+    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const Json::Value probe = ParseJson(r.out);
+    EXPECT_EQ(probe["video"]["codec"].asString(), "h264") << r.out;
+    EXPECT_EQ(probe["video"]["width"].asInt(), 320) << r.out;
+    EXPECT_EQ(probe["video"]["height"].asInt(), 240) << r.out;
+    EXPECT_GT(probe["video"]["extra_size"].asInt(), 8) << r.out;
 }
 
 // The README's first command: the embedded sample camera, fetched like any camera.

@@ -5,14 +5,17 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "core/fetchstatus.h"
 #include "outputsink.h"
 #include "preflight.h"
+#include "rtsp/rtspfetch.h"
 #include "statusline.h"
 
 namespace camfetch_tool {
@@ -67,13 +70,15 @@ bool StopRequested(const Options& o, OutputSink& sink, double start) {
     return o.durationSec > 0 && NowSec() - start >= o.durationSec;
 }
 
-int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status) {
+// One DoFetchLoop on a thread of its own, until it ends or the fetch is to stop; true when
+// the stop was ours.
+bool RunOneLoop(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status,
+                double start) {
     std::atomic<bool> finished{false};
     std::thread loop([&] {
         fetcher.DoFetchLoop(&sink);
         finished = true;
     });
-    const double start = NowSec();
     bool stoppedByUs = false;
     while (!finished.load()) {
         if (StopRequested(o, sink, start)) {
@@ -85,10 +90,76 @@ int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine
         sink.WaitForLimit(0.2);
     }
     loop.join();
+    return stoppedByUs;
+}
+
+// Waits out a reconnection's back-off; false when the fetch is to stop meanwhile.
+bool WaitToReconnect(const Options& o, OutputSink& sink, double start, double seconds) {
+    const double until = NowSec() + seconds;
+    while (NowSec() < until) {
+        if (StopRequested(o, sink, start))
+            return false;
+        usleep(100000);
+    }
+    return true;
+}
+
+// Why a push fetch delivered nothing, in the words of the library's status where it has one.
+std::string NothingCause(const Options& o, const FETCH_STATUS* end) {
+    if (o.kind == Kind::kMobile)
+        return "no client pushed any media";
+    if (!end || end->iEndReason == FETCH_END_NONE || end->iEndReason == FETCH_END_STOPPED)
+        return "no media received";
+    switch (end->iEndReason) {
+        case FETCH_END_UNREACHABLE:
+            return WhyNothing(o, end->szReason);
+        case FETCH_END_REFUSED:
+            return StatusCause(end->iStatusCode, end->szReason);
+        default:
+            return end->szReason;
+    }
+}
+
+long long Delivered(OutputSink& sink) {
+    return sink.Video().blocks + sink.Audio().blocks;
+}
+
+int RunPush(const Options& o, FetcherBase& fetcher, OutputSink& sink, StatusLine& status,
+            int& reconnects) {
+    constexpr double kFirstBackoffSec = 1;
+    constexpr double kMaxBackoffSec = 30;
+    const double start = NowSec();
+    double backoff = kFirstBackoffSec;
+    FETCH_STATUS end;
+    bool known = false;
+    bool stoppedByUs = false;
+    for (;;) {
+        const long long before = Delivered(sink);
+        stoppedByUs = RunOneLoop(o, fetcher, sink, status, start);
+        if (stoppedByUs)
+            break;
+        known = GetFetchStatus(&fetcher, &end) == 0;
+        // A session that delivered shows the camera is live: the next drop starts afresh.
+        if (Delivered(sink) > before)
+            backoff = kFirstBackoffSec;
+        // A camera that never delivered is reported at once, reconnection or not.
+        if (!o.reconnect || !known || !end.bMayReconnect || !sink.AnyDelivered())
+            break;
+        status.Finish();
+        fprintf(stderr, "camfetch: %s; reconnecting in %g s\n", end.szReason, backoff);
+        stoppedByUs = !WaitToReconnect(o, sink, start, backoff);
+        if (stoppedByUs)
+            break;
+        backoff = std::min(backoff * 2, kMaxBackoffSec);
+        ++reconnects;
+    }
     status.Finish();
-    if (!sink.AnyDelivered() && !stoppedByUs && !g_interrupted.load())
-        return Fail(o, o.kind == Kind::kMobile ? "no client pushed any media"
-                                               : WhyNothing(o, "no media received"));
+    if (g_interrupted.load())
+        return 0;
+    if (!sink.AnyDelivered())
+        return Fail(o, NothingCause(o, known ? &end : nullptr));
+    if (!stoppedByUs && known && end.iEndReason != FETCH_END_STOPPED)
+        fprintf(stderr, "camfetch: the stream ended: %s\n", end.szReason);
     return 0;
 }
 
@@ -185,11 +256,13 @@ int RunFetch(const Options& o) {
     }
     StatusLine status;
     const bool push = o.kind == Kind::kRtsp || o.kind == Kind::kMobile;
-    int rc = push ? RunPush(o, *fetcher, sink, status) : RunPull(o, *fetcher, sink, status);
+    int reconnects = 0;
+    int rc =
+        push ? RunPush(o, *fetcher, sink, status, reconnects) : RunPull(o, *fetcher, sink, status);
     if (push)
         sink.WriteLastFormats();
     if (rc == 0)
-        PrintSummary(o, sink.Video(), sink.Audio(), o.json);
+        PrintSummary(o, sink.Video(), sink.Audio(), reconnects, o.json);
     return rc;
 }
 
@@ -198,7 +271,13 @@ int RunProbe(const Options& o) {
     if (!fetcher)
         return Fail(o, std::string("this build has no ") + KindName(o.kind) + " fetcher");
     Json::Value out;
-    int connect = fetcher->TestConnect();
+    // A camera that takes no connection is answered within the connect time-out, instead of
+    // after the minute the connection test goes on retrying.
+    Reachability reach;
+    if (o.kind == Kind::kRtsp)
+        reach = CheckTcp(o.url.host, DefaultPort(o), o.timeoutSec);
+    int connect =
+        o.kind != Kind::kRtsp || reach.reachable ? fetcher->TestConnect() : RTSP_TEST_UNREACHABLE;
     out["connect"] = connect;
     ESFormat video, audio;
     fetcher->GetVideoFormat(video);
@@ -212,7 +291,9 @@ int RunProbe(const Options& o) {
     out["audio"]["channels"] = audio.audio.i_channels;
     out["audio"]["extra_size"] = audio.i_extra;
     out["bandwidth"] = connect == 0 ? fetcher->GetBandwidth() : 0;
-    std::string cause = connect == 0 ? std::string() : WhyNothing(o, "connection failed");
+    std::string cause = connect == 0           ? std::string()
+                        : !reach.cause.empty() ? reach.cause
+                                               : WhyNothing(o, "connection failed");
     if (!cause.empty())
         out["error"] = cause;
     Json::StreamWriterBuilder builder;

@@ -25,7 +25,8 @@ const char kUsage[] =
     "  -o, --output DIR   --duration SEC   --frames N\n"
     "  --transport udp|tcp|http|auto   --http-port P   --keepalive none|options|get_parameter\n"
     "  --timeout SEC   --no-audio   --meta   --start ISO8601   --end ISO8601\n"
-    "  --user-agent TEXT   -v (more log) / --log-level N   --json\n";
+    "  --user-agent TEXT   -v (more log) / --log-level N   --json\n"
+    "  --reconnect        reconnect a dropped session until --duration / --frames\n";
 
 namespace {
 
@@ -360,6 +361,8 @@ bool ParseArgs(const std::vector<std::string>& args, Options& o, std::string& er
             o.logLevel = static_cast<int>(integer);
         } else if (a == "--json") {
             o.json = true;
+        } else if (a == "--reconnect") {
+            o.reconnect = true;
         } else if (!a.empty() && a[0] == '-') {
             error = "unknown option: " + a;
             return false;

@@ -39,6 +39,7 @@ struct Options {
     std::string userAgent = "camfetch";
     int logLevel = 3;
     bool json = false;
+    bool reconnect = false;  // reconnect a dropped session until the duration or frames
 };
 
 // Parses argv; on failure returns false with a message for the user.

@@ -102,8 +102,12 @@ std::string ProbeStatus(const Options& options, int port) {
     if (space == std::string::npos)
         return std::string();
     int status = atoi(line.c_str() + space + 1);
-    if (status >= 200 && status < 300)
+    if (status == 0 || (status >= 200 && status < 300))
         return std::string();
+    return StatusCause(status, line.substr(space + 1));
+}
+
+std::string StatusCause(int status, const std::string& statusText) {
     switch (status) {
         case 401:
             return "401 Unauthorized";
@@ -111,10 +115,8 @@ std::string ProbeStatus(const Options& options, int port) {
             return "403 Forbidden";
         case 404:
             return "404 Not Found";
-        case 0:
-            return std::string();
         default:
-            return line.substr(space + 1);
+            return statusText;
     }
 }
 

@@ -19,4 +19,8 @@ Reachability CheckTcp(const std::string& host, int port, int timeoutSec);
 // "401 Unauthorized" or "404 Not Found"; empty when the answer was a success or unreadable.
 std::string ProbeStatus(const Options& options, int port);
 
+// A refusal as a user would look it up: "404 Not Found" for a camera's "404 Stream Not
+// Found"; other statuses keep the camera's words ("461 Unsupported Transport").
+std::string StatusCause(int status, const std::string& statusText);
+
 }  // namespace camfetch_tool

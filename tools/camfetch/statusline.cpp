@@ -49,7 +49,8 @@ void StatusLine::Finish() {
     m_drawn = false;
 }
 
-void PrintSummary(const Options& o, const StreamStats& video, const StreamStats& audio, bool json) {
+void PrintSummary(const Options& o, const StreamStats& video, const StreamStats& audio,
+                  int reconnects, bool json) {
     if (json) {
         Json::Value out;
         for (const StreamStats* s : {&video, &audio}) {
@@ -63,6 +64,7 @@ void PrintSummary(const Options& o, const StreamStats& video, const StreamStats&
             v["bitrate"] = Bitrate(*s);
         }
         out["timestamp_repairs"] = static_cast<Json::Int64>(TimestampRepairs());
+        out["reconnects"] = reconnects;
         out["output"] = o.outputDir;
         Json::StreamWriterBuilder builder;
         builder["indentation"] = "";
@@ -78,7 +80,8 @@ void PrintSummary(const Options& o, const StreamStats& video, const StreamStats&
                s == &video ? "video" : "audio", s->codec.c_str(), s->blocks, s->bytes, s->keyFrames,
                (s->lastPts - s->firstPts) / 1e6, Rate(*s), Bitrate(*s) / 1000);
     }
-    printf("timestamp repairs: %lld; written to %s/\n", TimestampRepairs(), o.outputDir.c_str());
+    printf("timestamp repairs: %lld; reconnects: %d; written to %s/\n", TimestampRepairs(),
+           reconnects, o.outputDir.c_str());
 }
 
 }  // namespace camfetch_tool

@@ -24,6 +24,6 @@ private:
 };
 
 void PrintSummary(const Options& options, const StreamStats& video, const StreamStats& audio,
-                  bool json);
+                  int reconnects, bool json);
 
 }  // namespace camfetch_tool
