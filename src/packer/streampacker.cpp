@@ -44,6 +44,7 @@ StreamPacker::StreamPacker(const FETCH_PARAM& param)
       m_bThreadCreated(false),
       m_bActivated(false),
       m_bThreadJoinable(false),
+      m_bAudioRefused(false),
       // Bit value 2 of the start time switches to arrival times from the start; an odd
       // seed kept for the hosts that rely on it.
       m_bUseTmstmp((param.llAbsStartTime & 2) != 0),
@@ -65,18 +66,37 @@ void StreamPacker::InitPackers(const ESFormat& video, const ESFormat& audio) {
         m_pVideoPacketizer = new Mpeg4VideoPacketizer(m_uFlags);
         m_pVideoPacketizer->InitPacket(&m_videoStream);
     }
+    m_bAudioRefused = false;
     if (m_bHasAudio) {
         ESFormatCopy(m_fmtAudio, audio);
         PackStreamInit(&m_audioStream);
         ESFormatCopy(m_audioStream.fmt, audio);
         if (!m_bPassThrough) {
             m_pAudioPacketizer = new Mpeg4AudioPacketizer();
-            m_pAudioPacketizer->InitPacket(&m_audioStream);
+            if (m_pAudioPacketizer->InitPacket(&m_audioStream) != 0)
+                RefuseAudio();
         }
     }
-    if (m_pDataHandler)
-        m_pDataHandler->InitHandler(video, audio);
+    if (m_pDataHandler) {
+        ESFormat noAudio;
+        noAudio.Reset(AUDIO_ES, 0);
+        m_pDataHandler->InitHandler(video, m_bAudioRefused ? noAudio : audio);
+    }
     StartPackThread();
+}
+
+void StreamPacker::RefuseAudio() {
+    // A configuration the packetizer cannot use (an AudioSpecificConfig without a sampling
+    // rate, a codec it does not know) would fail on every frame: the session goes on
+    // without audio, and says so once.
+    const ESFormat& fmt = m_audioStream.fmt;
+    CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_WARNING,
+           "Audio codec[%s] cannot be packetized; audio dropped for this session.\n",
+           fmt.i_codec ? GetCodec(fmt.i_codec).c_str() : fmt.strDescription.c_str());
+    m_pAudioPacketizer->FreePacket(&m_audioStream);
+    delete m_pAudioPacketizer;
+    m_pAudioPacketizer = nullptr;
+    m_bAudioRefused = true;
 }
 
 void StreamPacker::ReconfigVdoPacketizeParam() {
@@ -103,6 +123,8 @@ int StreamPacker::Process(MediaES es, unsigned char* data, unsigned int size, ti
         pending = &m_iVideoPending;
         codec = m_fmtVideo.i_codec;
     } else if (es == AUDIO_ES && m_bHasAudio) {
+        if (m_bAudioRefused)
+            return 0;
         stream = &m_audioStream;
         packetizer = m_pAudioPacketizer;
         waiting = &m_lstAudio;

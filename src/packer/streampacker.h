@@ -69,6 +69,8 @@ private:
     void PacketizeThreadMain();
     // HandlerProcess, releasing the block when there is no handler to take it.
     int Deliver(ESFormat& format, MediaBlock* block);
+    // The audio packetizer refused its format: it is freed and audio is dropped quietly.
+    void RefuseAudio();
 
     std::list<MediaBlock*> m_lstVideo;
     std::list<MediaBlock*> m_lstAudio;
@@ -93,6 +95,7 @@ private:
     bool m_bThreadCreated;
     std::atomic<bool> m_bActivated;
     bool m_bThreadJoinable;  // created and not yet joined
+    bool m_bAudioRefused;    // the audio packetizer refused this session's format
     bool m_bUseTmstmp;
     int m_iSamePtsCount;
     long long m_llLastPts;

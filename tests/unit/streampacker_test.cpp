@@ -10,6 +10,7 @@
 
 #include "host/hostthread.h"
 #include "log_capture.h"
+#include "nal_builder.h"
 #include "scripted_clock.h"
 
 // Looks at the packer's waiting lists (frames queued for the packetize thread).
@@ -103,6 +104,21 @@ int Feed(StreamPacker& p, MediaES es, const std::string& bytes, long long us,
     return p.Process(es, data.data(), static_cast<unsigned>(data.size()), At(us), amr, false);
 }
 
+// H.264 NAL units as an RTSP receiver hands them over (no start code).
+const nal::H264Sps kSps;
+const std::string kSpsNal = nal::Sps(kSps);
+const std::string kPpsNal = nal::Pps(nal::H264Pps{});
+
+std::string Slice(int nalType, int sliceType, int frameNum) {
+    nal::H264Slice s;
+    s.nalType = nalType;
+    s.sliceType = sliceType;
+    s.frameNum = frameNum & 15;
+    s.pocLsb = (2 * frameNum) & 63;
+    return nal::Slice(s, kSps);
+}
+const std::string kIdr = Slice(5, 7, 0);
+
 TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
     ScriptedClock clock;
     RecordingHandler handler;
@@ -183,6 +199,26 @@ TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
         << "the video counter decides for audio too";
 }
 
+TEST(StreamPacker, AudioFormatItsPacketizerRefusesIsDroppedOnceAndVideoFlows) {
+    LogCapture log;
+    RecordingHandler handler;
+    StreamPacker packer(Param(3, true, false));
+    packer.SetDataHandler(&handler);
+    ESFormat audio = Format(AUDIO_ES, kCodecMp4a);
+    const uint8_t reservedRate[2] = {0x16, 0x90};  // AAC LC, sampling index 13
+    audio.SetExtra(reservedRate, 2);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), audio);
+    EXPECT_EQ(handler.initAudioCodec, 0u) << "the host is told there is no audio";
+    for (int i = 1; i <= 60; ++i)
+        ASSERT_EQ(Feed(packer, AUDIO_ES, "\x21\x10", i * 20000), 0) << i;
+    for (const std::string& unit : {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1), Slice(1, 5, 2)})
+        EXPECT_EQ(Feed(packer, VIDEO_ES, unit, 1000000), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].es, VIDEO_ES);
+    EXPECT_EQ(log.Count("audio dropped"), 1);
+}
+
 TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
     LogCapture log;
     StreamPacker packer(Param(3, true, false));
@@ -209,21 +245,29 @@ TEST(StreamPacker, MissingPacketizerIsReported) {
 TEST(StreamPacker, FramesAreWrappedByCodec) {
     camfetch_host::ThreadFailNextCreates(3);
     StreamPacker packer(Param(3, true, true));
-    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecSamr));
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     std::string nal(10, '\x41');
     EXPECT_EQ(Feed(packer, VIDEO_ES, nal, 1000), 1) << "no packetize thread";
-    std::string amr(31, '\x22');
-    EXPECT_EQ(Feed(packer, AUDIO_ES, amr, (1LL << 40) * 1000000 + 5, 0x3C), 1);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "alaw", (1LL << 40) * 1000000 + 5), 1);
     auto video = StreamPackerInspector::Waiting(packer, VIDEO_ES);
     ASSERT_EQ(video.size(), 1u);
     EXPECT_EQ(video[0].bytes.size(), 14u);
     EXPECT_EQ(0, memcmp(video[0].bytes.data(), "\x00\x00\x00\x01\x41", 5));
     auto audio = StreamPackerInspector::Waiting(packer, AUDIO_ES);
     ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].bytes.size(), 32u);
-    EXPECT_EQ(audio[0].bytes[0], 0x3C);
     EXPECT_EQ(audio[0].pts, ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
     camfetch_host::ThreadFailNextCreates(0);
+
+    // AMR has no packetizer: it reaches the host only beside pass-through video.
+    RecordingHandler handler;
+    StreamPacker passThrough(Param(1, true, false));
+    passThrough.SetDataHandler(&handler);
+    passThrough.InitPackers(Format(VIDEO_ES, kCodecMjpg), Format(AUDIO_ES, kCodecSamr));
+    EXPECT_EQ(Feed(passThrough, AUDIO_ES, std::string(31, '\x22'), 1000, 0x3C), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].bytes.size(), 32u);
+    EXPECT_EQ(d[0].bytes[0], 0x3C);
 }
 
 TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {
