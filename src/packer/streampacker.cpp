@@ -12,6 +12,16 @@ constexpr int kPackThreadStack = 0x200000;
 constexpr int kPackPeriodUs = 15000;
 // Video frames in a row without any packetized output after which the stream is given up.
 constexpr int kMaxPendingVideo = 51;
+// Until its first output, an H.264 stream joined mid-GOP yields nothing before its next key
+// picture, and cameras with "smart" codecs send one every 4 to 10 seconds. So before the
+// first output the frames without output must also span this much input time...
+constexpr long long kFirstOutputWaitUs = 12000000;
+// ...unless there are this many of them: 12 s at 60 pictures a second of 8 NAL units each.
+// It bounds a stream whose times stand still.
+constexpr int kMaxPendingBeforeFirstOutput = 6000;
+// A step of the input times counts for at most this much: a clock that jumps (a camera's,
+// or the receiver's switch to sender-synchronised times) must not spend the wait at once.
+constexpr long long kMaxCountedStepUs = 1000000;
 constexpr long long kPtsMask = 0x00FFFFFFFFFFFFFFLL;
 constexpr uint32_t kFlagMarked = 2;
 const unsigned char kAnnexBStartCode[4] = {0x00, 0x00, 0x00, 0x01};
@@ -45,6 +55,9 @@ StreamPacker::StreamPacker(const FETCH_PARAM& param)
       m_bActivated(false),
       m_bThreadJoinable(false),
       m_bAudioRefused(false),
+      m_bVideoProduced(false),
+      m_llVideoWaitUs(0),
+      m_llVideoLastPts(0),
       // Bit value 2 of the start time switches to arrival times from the start; an odd
       // seed kept for the hosts that rely on it.
       m_bUseTmstmp((param.llAbsStartTime & 2) != 0),
@@ -58,6 +71,7 @@ StreamPacker::~StreamPacker() {
 void StreamPacker::InitPackers(const ESFormat& video, const ESFormat& audio) {
     Free();
     m_iVideoPending = 0;
+    m_bVideoProduced = false;
     ESFormatCopy(m_fmtVideo, video);
     PackStreamInit(&m_videoStream);
     ESFormatCopy(m_videoStream.fmt, video);
@@ -261,11 +275,22 @@ int StreamPacker::DoPacketize(PACK_STREAM& stream, Packetizer* packetizer, Media
         delete block;
         return FETCH_CONN_CLOSED;
     }
+    const bool video = &pending == &m_iVideoPending;
+    if (video && block) {
+        const long long step = block->GetPTS() - m_llVideoLastPts;
+        if (pending == 0)
+            m_llVideoWaitUs = 0;
+        else if (step > 0)
+            m_llVideoWaitUs += step < kMaxCountedStepUs ? step : kMaxCountedStepUs;
+        m_llVideoLastPts = block->GetPTS();
+    }
     ++pending;
     int result = 0;
     // The packetizer owns block from the first call; later calls drain what it holds.
     while (MediaBlock* out = packetizer->Packetize(&stream, &block)) {
         pending = 0;
+        if (video)
+            m_bVideoProduced = true;
         CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_TRACE, "Get packetized block.\n");
         if (result == 0)
             result = Deliver(stream.fmt, out);
@@ -274,9 +299,17 @@ int StreamPacker::DoPacketize(PACK_STREAM& stream, Packetizer* packetizer, Media
     }
     // Checked on the video counter for both streams: a video stream that has stopped
     // producing pictures ends the whole fetch.
-    if (m_iVideoPending >= kMaxPendingVideo)
+    if (VideoGivenUp())
         return FETCH_CONN_CLOSED;
     return result;
+}
+
+bool StreamPacker::VideoGivenUp() const {
+    if (m_iVideoPending < kMaxPendingVideo)
+        return false;
+    if (m_bVideoProduced || m_iVideoPending >= kMaxPendingBeforeFirstOutput)
+        return true;
+    return m_llVideoWaitUs > kFirstOutputWaitUs;
 }
 
 int StreamPacker::Deliver(ESFormat& format, MediaBlock* block) {

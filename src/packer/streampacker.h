@@ -71,6 +71,8 @@ private:
     int Deliver(ESFormat& format, MediaBlock* block);
     // The audio packetizer refused its format: it is freed and audio is dropped quietly.
     void RefuseAudio();
+    // Video has gone too long without output: the fetcher is told to stop.
+    bool VideoGivenUp() const;
 
     std::list<MediaBlock*> m_lstVideo;
     std::list<MediaBlock*> m_lstAudio;
@@ -94,8 +96,11 @@ private:
     int m_iAudioPending;
     bool m_bThreadCreated;
     std::atomic<bool> m_bActivated;
-    bool m_bThreadJoinable;  // created and not yet joined
-    bool m_bAudioRefused;    // the audio packetizer refused this session's format
+    bool m_bThreadJoinable;      // created and not yet joined
+    bool m_bAudioRefused;        // the audio packetizer refused this session's format
+    bool m_bVideoProduced;       // the video packetizer has had output in this session
+    long long m_llVideoWaitUs;   // input time spanned by the video frames since the last output
+    long long m_llVideoLastPts;  // input time of the last video frame
     bool m_bUseTmstmp;
     int m_iSamePtsCount;
     long long m_llLastPts;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <vector>
 
@@ -186,17 +187,54 @@ TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
     EXPECT_EQ(Feed(packer, AUDIO_ES, "b", 2000), 7);
 }
 
-TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
-    RecordingHandler handler;
-    StreamPacker packer(Param(3, true, false));
-    packer.SetDataHandler(&handler);
-    // An unknown codec: the video packetizer releases every frame and outputs nothing.
-    packer.InitPackers(Format(VIDEO_ES, FourCC("wxyz")), Format(AUDIO_ES, kCodecAlaw));
-    for (int i = 1; i <= 50; ++i)
-        ASSERT_EQ(Feed(packer, VIDEO_ES, "v", i * 1000), 0) << i;
-    EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 51000), FETCH_CONN_CLOSED);
-    EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 52000), FETCH_CONN_CLOSED)
-        << "the video counter decides for audio too";
+TEST(StreamPacker, VideoWithoutOutputIsGivenUpAfterTheFirstKeyPictureHadItsChance) {
+    struct Case {
+        const char* what;
+        uint32_t codec;
+        std::function<std::string(int)> unit;  // frame i, fed at 1 s + i * stepUs
+        long long stepUs;
+        int frames;
+        int givenUpAt;  // the first frame answered FETCH_CONN_CLOSED, -1 for none
+        size_t delivered;
+    };
+    const std::string p1 = Slice(1, 5, 1);
+    auto nothing = [](int) { return std::string("v"); };
+    const Case cases[] = {
+        // An unknown codec: the video packetizer outputs nothing at all.
+        {"no output for 15 s: 51 frames", FourCC("wxyz"), nothing, 300000, 60, 50, 0},
+        {"frozen times: the frame cap", FourCC("wxyz"), nothing, 0, 6001, 5999, 0},
+        {"joined 10 s before the next key picture, 60 pictures a second", kCodecH264,
+         [](int i) {
+             return i == 0     ? kSpsNal
+                    : i == 1   ? kPpsNal
+                    : i < 602  ? Slice(1, 5, i)
+                    : i == 602 ? kIdr
+                               : Slice(1, 5, i - 602);
+         },
+         16667, 605, -1, 1},
+        {"after the first picture: 51 frames", kCodecH264,
+         [&](int i) {
+             return i == 0 ? kSpsNal : i == 1 ? kPpsNal : i == 2 ? kIdr : p1;
+         },
+         40000, 60, 55, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordingHandler handler;
+        StreamPacker packer(Param(3, true, false));
+        packer.SetDataHandler(&handler);
+        packer.InitPackers(Format(VIDEO_ES, c.codec), Format(AUDIO_ES, kCodecAlaw));
+        int givenUpAt = -1;
+        for (int i = 0; i < c.frames && givenUpAt < 0; ++i)
+            if (Feed(packer, VIDEO_ES, c.unit(i), 1000000 + i * c.stepUs) == FETCH_CONN_CLOSED)
+                givenUpAt = i;
+        EXPECT_EQ(givenUpAt, c.givenUpAt);
+        EXPECT_EQ(handler.Deliveries().size(), c.delivered);
+        if (givenUpAt >= 0) {
+            EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 90000000), FETCH_CONN_CLOSED)
+                << "the video counter decides for audio too";
+        }
+    }
 }
 
 TEST(StreamPacker, AudioFormatItsPacketizerRefusesIsDroppedOnceAndVideoFlows) {
