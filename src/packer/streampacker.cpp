@@ -1,6 +1,7 @@
 #include "packer/streampacker.h"
 
 #include <cstring>
+#include <new>
 
 #include "core/clock.h"
 #include "core/log.h"
@@ -338,6 +339,57 @@ void StreamPacker::CleanupBlockList() {
     std::lock_guard<std::mutex> lock(m_mutex);
     DeleteBlocks(m_lstVideo);
     DeleteBlocks(m_lstAudio);
+}
+
+void StreamPacker::Flush() {
+    // A packetize thread that never ran or gave up leaves nothing worth delivering.
+    int result = m_bMetaMode && !IsThreadCreated() ? FETCH_CONN_CLOSED : 0;
+    StopPackThread();
+    std::list<MediaBlock*> video;
+    std::list<MediaBlock*> audio;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        video.splice(video.end(), m_lstVideo);
+        audio.splice(audio.end(), m_lstAudio);
+    }
+    try {
+        // Each block leaves the list before the packetizer takes it.
+        while (result == 0 && !video.empty()) {
+            MediaBlock* b = video.front();
+            video.pop_front();
+            result = DoPacketize(m_videoStream, m_pVideoPacketizer, b, m_iVideoPending);
+        }
+        while (result == 0 && !audio.empty()) {
+            MediaBlock* b = audio.front();
+            audio.pop_front();
+            result = DoPacketize(m_audioStream, m_pAudioPacketizer, b, m_iAudioPending);
+        }
+        if (m_pVideoPacketizer)
+            result =
+                DeliverChain(m_videoStream.fmt, m_pVideoPacketizer->Drain(&m_videoStream), result);
+        if (m_pAudioPacketizer)
+            DeliverChain(m_audioStream.fmt, m_pAudioPacketizer->Drain(&m_audioStream), result);
+    } catch (const std::bad_alloc&) {
+        // Called on the way out of a fetch loop: nothing may escape to the host from here.
+        // What the packetizers still hold is released by Free.
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_ERROR,
+               "Out of memory, the frames held at the end are dropped.\n");
+    }
+    DeleteBlocks(video);
+    DeleteBlocks(audio);
+}
+
+int StreamPacker::DeliverChain(ESFormat& format, MediaBlock* chain, int result) {
+    while (chain) {
+        MediaBlock* next = chain->GetNext();
+        chain->SetNext(nullptr);
+        if (result == 0)
+            result = Deliver(format, chain);
+        else
+            delete chain;
+        chain = next;
+    }
+    return result;
 }
 
 void StreamPacker::Free() {

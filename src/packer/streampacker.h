@@ -44,6 +44,10 @@ public:
     void SetActivatedFlag(bool activated) { m_bActivated.exchange(activated); }
     bool GetActivatedFlag() const { return m_bActivated.load(); }
     void CleanupBlockList();
+    // At the end of a session (call it when the receive loop has ended, before Free): stops
+    // the packetize thread, packetizes what it left, and delivers what the packetizers still
+    // hold complete (the last pictures wait for a start code that will not come).
+    void Flush();
     // Stops the thread, drops queued frames and frees the packetizers.
     void Free();
 
@@ -73,6 +77,9 @@ private:
     void RefuseAudio();
     // Video has gone too long without output: the fetcher is told to stop.
     bool VideoGivenUp() const;
+    // Delivers each block of a drained chain until the handler refuses one; the rest is
+    // released. Returns the first refusal or 0.
+    int DeliverChain(ESFormat& format, MediaBlock* chain, int result);
 
     std::list<MediaBlock*> m_lstVideo;
     std::list<MediaBlock*> m_lstAudio;

@@ -257,6 +257,43 @@ TEST(StreamPacker, AudioFormatItsPacketizerRefusesIsDroppedOnceAndVideoFlows) {
     EXPECT_EQ(log.Count("audio dropped"), 1);
 }
 
+TEST(StreamPacker, FlushDeliversThePicturesThePacketizerStillHolds) {
+    struct Case {
+        const char* what;
+        bool meta;
+        uint32_t codec;
+        std::vector<std::string> units;
+        size_t delivered;  // in all, once flushed
+    };
+    const Case cases[] = {
+        {"H.264 on the caller's thread",
+         false,
+         kCodecH264,
+         {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1)},
+         2},
+        {"H.264 in meta mode", true, kCodecH264, {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1)}, 2},
+        {"HEVC: parameter sets, then both pictures",
+         false,
+         kCodecHevc,
+         {nal::Vps({}), nal::Sps(nal::HevcSps{}), nal::Pps(nal::HevcPps{}),
+          nal::Slice(nal::HevcSlice{19, true, 0, 0, 2}), nal::Slice(nal::HevcSlice{})},
+         5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordingHandler handler;
+        StreamPacker packer(Param(3, false, c.meta));
+        packer.SetDataHandler(&handler);
+        packer.InitPackers(Format(VIDEO_ES, c.codec), ESFormat());
+        for (size_t i = 0; i < c.units.size(); ++i)
+            ASSERT_EQ(Feed(packer, VIDEO_ES, c.units[i], 100000000 + 40000 * i), 0);
+        packer.Flush();
+        auto d = handler.Deliveries();
+        ASSERT_EQ(d.size(), c.delivered);
+        EXPECT_EQ(d.back().pts - d[d.size() - 2].pts, 40000) << "the last picture's own time";
+    }
+}
+
 TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
     LogCapture log;
     StreamPacker packer(Param(3, true, false));
