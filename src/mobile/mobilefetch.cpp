@@ -216,6 +216,8 @@ void MobileFetch::DoFetchLoop(MediaDataHandler* handler) {
         // its socket on the way out.
         CF_LOG(LOG_CATEG_MOBILE, LOG_LEVEL_ERROR, "Out of memory, the receive loop ends.\n");
     }
+    // The client frames whole access units: the last one, still held, is complete.
+    m_pPacker->Flush();
     m_pPacker->Free();
     m_bLoopActive.store(false);
 }

@@ -1,6 +1,7 @@
 #include "packer/streampacker.h"
 
 #include <cstring>
+#include <new>
 
 #include "core/clock.h"
 #include "core/log.h"
@@ -12,6 +13,16 @@ constexpr int kPackThreadStack = 0x200000;
 constexpr int kPackPeriodUs = 15000;
 // Video frames in a row without any packetized output after which the stream is given up.
 constexpr int kMaxPendingVideo = 51;
+// Until its first output, an H.264 stream joined mid-GOP yields nothing before its next key
+// picture, and cameras with "smart" codecs send one every 4 to 10 seconds. So before the
+// first output the frames without output must also span this much input time...
+constexpr long long kFirstOutputWaitUs = 12000000;
+// ...unless there are this many of them: 12 s at 60 pictures a second of 8 NAL units each.
+// It bounds a stream whose times stand still.
+constexpr int kMaxPendingBeforeFirstOutput = 6000;
+// A step of the input times counts for at most this much: a clock that jumps (a camera's,
+// or the receiver's switch to sender-synchronised times) must not spend the wait at once.
+constexpr long long kMaxCountedStepUs = 1000000;
 constexpr long long kPtsMask = 0x00FFFFFFFFFFFFFFLL;
 constexpr uint32_t kFlagMarked = 2;
 const unsigned char kAnnexBStartCode[4] = {0x00, 0x00, 0x00, 0x01};
@@ -44,6 +55,10 @@ StreamPacker::StreamPacker(const FETCH_PARAM& param)
       m_bThreadCreated(false),
       m_bActivated(false),
       m_bThreadJoinable(false),
+      m_bAudioRefused(false),
+      m_bVideoProduced(false),
+      m_llVideoWaitUs(0),
+      m_llVideoLastPts(0),
       // Bit value 2 of the start time switches to arrival times from the start; an odd
       // seed kept for the hosts that rely on it.
       m_bUseTmstmp((param.llAbsStartTime & 2) != 0),
@@ -57,6 +72,7 @@ StreamPacker::~StreamPacker() {
 void StreamPacker::InitPackers(const ESFormat& video, const ESFormat& audio) {
     Free();
     m_iVideoPending = 0;
+    m_bVideoProduced = false;
     ESFormatCopy(m_fmtVideo, video);
     PackStreamInit(&m_videoStream);
     ESFormatCopy(m_videoStream.fmt, video);
@@ -65,18 +81,37 @@ void StreamPacker::InitPackers(const ESFormat& video, const ESFormat& audio) {
         m_pVideoPacketizer = new Mpeg4VideoPacketizer(m_uFlags);
         m_pVideoPacketizer->InitPacket(&m_videoStream);
     }
+    m_bAudioRefused = false;
     if (m_bHasAudio) {
         ESFormatCopy(m_fmtAudio, audio);
         PackStreamInit(&m_audioStream);
         ESFormatCopy(m_audioStream.fmt, audio);
         if (!m_bPassThrough) {
             m_pAudioPacketizer = new Mpeg4AudioPacketizer();
-            m_pAudioPacketizer->InitPacket(&m_audioStream);
+            if (m_pAudioPacketizer->InitPacket(&m_audioStream) != 0)
+                RefuseAudio();
         }
     }
-    if (m_pDataHandler)
-        m_pDataHandler->InitHandler(video, audio);
+    if (m_pDataHandler) {
+        ESFormat noAudio;
+        noAudio.Reset(AUDIO_ES, 0);
+        m_pDataHandler->InitHandler(video, m_bAudioRefused ? noAudio : audio);
+    }
     StartPackThread();
+}
+
+void StreamPacker::RefuseAudio() {
+    // A configuration the packetizer cannot use (an AudioSpecificConfig without a sampling
+    // rate, a codec it does not know) would fail on every frame: the session goes on
+    // without audio, and says so once.
+    const ESFormat& fmt = m_audioStream.fmt;
+    CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_WARNING,
+           "Audio codec[%s] cannot be packetized; audio dropped for this session.\n",
+           fmt.i_codec ? GetCodec(fmt.i_codec).c_str() : fmt.strDescription.c_str());
+    m_pAudioPacketizer->FreePacket(&m_audioStream);
+    delete m_pAudioPacketizer;
+    m_pAudioPacketizer = nullptr;
+    m_bAudioRefused = true;
 }
 
 void StreamPacker::ReconfigVdoPacketizeParam() {
@@ -103,6 +138,8 @@ int StreamPacker::Process(MediaES es, unsigned char* data, unsigned int size, ti
         pending = &m_iVideoPending;
         codec = m_fmtVideo.i_codec;
     } else if (es == AUDIO_ES && m_bHasAudio) {
+        if (m_bAudioRefused)
+            return 0;
         stream = &m_audioStream;
         packetizer = m_pAudioPacketizer;
         waiting = &m_lstAudio;
@@ -239,11 +276,22 @@ int StreamPacker::DoPacketize(PACK_STREAM& stream, Packetizer* packetizer, Media
         delete block;
         return FETCH_CONN_CLOSED;
     }
+    const bool video = &pending == &m_iVideoPending;
+    if (video && block) {
+        const long long step = block->GetPTS() - m_llVideoLastPts;
+        if (pending == 0)
+            m_llVideoWaitUs = 0;
+        else if (step > 0)
+            m_llVideoWaitUs += step < kMaxCountedStepUs ? step : kMaxCountedStepUs;
+        m_llVideoLastPts = block->GetPTS();
+    }
     ++pending;
     int result = 0;
     // The packetizer owns block from the first call; later calls drain what it holds.
     while (MediaBlock* out = packetizer->Packetize(&stream, &block)) {
         pending = 0;
+        if (video)
+            m_bVideoProduced = true;
         CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_TRACE, "Get packetized block.\n");
         if (result == 0)
             result = Deliver(stream.fmt, out);
@@ -252,9 +300,17 @@ int StreamPacker::DoPacketize(PACK_STREAM& stream, Packetizer* packetizer, Media
     }
     // Checked on the video counter for both streams: a video stream that has stopped
     // producing pictures ends the whole fetch.
-    if (m_iVideoPending >= kMaxPendingVideo)
+    if (VideoGivenUp())
         return FETCH_CONN_CLOSED;
     return result;
+}
+
+bool StreamPacker::VideoGivenUp() const {
+    if (m_iVideoPending < kMaxPendingVideo)
+        return false;
+    if (m_bVideoProduced || m_iVideoPending >= kMaxPendingBeforeFirstOutput)
+        return true;
+    return m_llVideoWaitUs > kFirstOutputWaitUs;
 }
 
 int StreamPacker::Deliver(ESFormat& format, MediaBlock* block) {
@@ -283,6 +339,57 @@ void StreamPacker::CleanupBlockList() {
     std::lock_guard<std::mutex> lock(m_mutex);
     DeleteBlocks(m_lstVideo);
     DeleteBlocks(m_lstAudio);
+}
+
+void StreamPacker::Flush() {
+    // A packetize thread that never ran or gave up leaves nothing worth delivering.
+    int result = m_bMetaMode && !IsThreadCreated() ? FETCH_CONN_CLOSED : 0;
+    StopPackThread();
+    std::list<MediaBlock*> video;
+    std::list<MediaBlock*> audio;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        video.splice(video.end(), m_lstVideo);
+        audio.splice(audio.end(), m_lstAudio);
+    }
+    try {
+        // Each block leaves the list before the packetizer takes it.
+        while (result == 0 && !video.empty()) {
+            MediaBlock* b = video.front();
+            video.pop_front();
+            result = DoPacketize(m_videoStream, m_pVideoPacketizer, b, m_iVideoPending);
+        }
+        while (result == 0 && !audio.empty()) {
+            MediaBlock* b = audio.front();
+            audio.pop_front();
+            result = DoPacketize(m_audioStream, m_pAudioPacketizer, b, m_iAudioPending);
+        }
+        if (m_pVideoPacketizer)
+            result =
+                DeliverChain(m_videoStream.fmt, m_pVideoPacketizer->Drain(&m_videoStream), result);
+        if (m_pAudioPacketizer)
+            DeliverChain(m_audioStream.fmt, m_pAudioPacketizer->Drain(&m_audioStream), result);
+    } catch (const std::bad_alloc&) {
+        // Called on the way out of a fetch loop: nothing may escape to the host from here.
+        // What the packetizers still hold is released by Free.
+        CF_LOG(LOG_CATEG_PACKER, LOG_LEVEL_ERROR,
+               "Out of memory, the frames held at the end are dropped.\n");
+    }
+    DeleteBlocks(video);
+    DeleteBlocks(audio);
+}
+
+int StreamPacker::DeliverChain(ESFormat& format, MediaBlock* chain, int result) {
+    while (chain) {
+        MediaBlock* next = chain->GetNext();
+        chain->SetNext(nullptr);
+        if (result == 0)
+            result = Deliver(format, chain);
+        else
+            delete chain;
+        chain = next;
+    }
+    return result;
 }
 
 void StreamPacker::Free() {

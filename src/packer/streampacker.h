@@ -44,6 +44,10 @@ public:
     void SetActivatedFlag(bool activated) { m_bActivated.exchange(activated); }
     bool GetActivatedFlag() const { return m_bActivated.load(); }
     void CleanupBlockList();
+    // At the end of a session (call it when the receive loop has ended, before Free): stops
+    // the packetize thread, packetizes what it left, and delivers what the packetizers still
+    // hold complete (the last pictures wait for a start code that will not come).
+    void Flush();
     // Stops the thread, drops queued frames and frees the packetizers.
     void Free();
 
@@ -69,6 +73,13 @@ private:
     void PacketizeThreadMain();
     // HandlerProcess, releasing the block when there is no handler to take it.
     int Deliver(ESFormat& format, MediaBlock* block);
+    // The audio packetizer refused its format: it is freed and audio is dropped quietly.
+    void RefuseAudio();
+    // Video has gone too long without output: the fetcher is told to stop.
+    bool VideoGivenUp() const;
+    // Delivers each block of a drained chain until the handler refuses one; the rest is
+    // released. Returns the first refusal or 0.
+    int DeliverChain(ESFormat& format, MediaBlock* chain, int result);
 
     std::list<MediaBlock*> m_lstVideo;
     std::list<MediaBlock*> m_lstAudio;
@@ -92,7 +103,11 @@ private:
     int m_iAudioPending;
     bool m_bThreadCreated;
     std::atomic<bool> m_bActivated;
-    bool m_bThreadJoinable;  // created and not yet joined
+    bool m_bThreadJoinable;      // created and not yet joined
+    bool m_bAudioRefused;        // the audio packetizer refused this session's format
+    bool m_bVideoProduced;       // the video packetizer has had output in this session
+    long long m_llVideoWaitUs;   // input time spanned by the video frames since the last output
+    long long m_llVideoLastPts;  // input time of the last video frame
     bool m_bUseTmstmp;
     int m_iSamePtsCount;
     long long m_llLastPts;

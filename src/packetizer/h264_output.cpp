@@ -8,8 +8,14 @@
 
 MediaBlock* OutputPicture(PACK_STREAM* s) {
     const bool keyPicture = s->slice.frame_type == static_cast<int32_t>(BLOCK_FLAG_TYPE_I);
-    if (!s->headerSent && !keyPicture)
+    if (!s->headerSent && !keyPicture) {
+        // A picture that waits for no key picture is never sent: its times must not pass on
+        // to the picture that follows (the first key picture of a stream joined mid-GOP
+        // would otherwise leave up to a whole GOP early).
+        s->picDts = -1;
+        s->picPts = -1;
         return nullptr;
+    }
 
     MediaBlock* picture = nullptr;
     if ((!s->headerSent || keyPicture) && s->hasSps && s->hasPps) {

@@ -211,7 +211,16 @@ MediaBlock* ParseNonVCL(PACK_STREAM* s, uint8_t nalType, MediaBlock* nal) {
     const size_t size = nal->GetBufferSize() - static_cast<size_t>(header);
 
     uint8_t id;
-    if (nalType == kNalPps) {
+    if (nalType == kNalSps) {
+        // Slices find their SPS through the PPS by the SPS's own id, which need not be the
+        // VPS id in front of it.
+        const int spsId = hevc_sps_id(data, size);
+        if (spsId < 0) {
+            CF_LOG_RAW("Failed decoding SPS id %d\n", spsId);
+            return nal;
+        }
+        id = static_cast<uint8_t>(spsId);
+    } else if (nalType == kNalPps) {
         BIT_STREAM bs;
         unsigned history = 0;
         BitStreamInit(&bs, data + 2, static_cast<int>(size - 2));
@@ -220,7 +229,7 @@ MediaBlock* ParseNonVCL(PACK_STREAM* s, uint8_t nalType, MediaBlock* nal) {
         const uint32_t v = bs_read_ue(&bs);
         id = static_cast<uint8_t>(v < 255 ? v : 255);
     } else {
-        id = static_cast<uint8_t>(data[2] >> 4);
+        id = static_cast<uint8_t>(data[2] >> 4);  // vps_video_parameter_set_id
     }
     if (InsertXPS(s, nalType, id, nal) && nalType == kNalSps)
         DescribeFromSps(s, s->hevcSps[id]);

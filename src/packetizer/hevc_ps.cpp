@@ -75,6 +75,25 @@ bool ParseProfileTierLevel(Reader& r, int maxSubLayersMinus1, Ptl* ptl) {
     return r.more();
 }
 
+// The SPS up to and including sps_seq_parameter_set_id (7.3.2.2.1).
+bool ReadSpsHead(Reader& r, hevc_sps_t* sps) {
+    sps->vps_id = static_cast<uint8_t>(r.u(4));
+    sps->max_sub_layers_minus1 = static_cast<uint8_t>(r.u(3));
+    if (sps->max_sub_layers_minus1 > kMaxSubLayersMinus1)
+        return false;
+    r.skip(1);  // sps_temporal_id_nesting_flag
+    Ptl ptl;
+    if (!ParseProfileTierLevel(r, sps->max_sub_layers_minus1, &ptl))
+        return false;
+    sps->general_profile_idc = ptl.profileIdc;
+    sps->general_level_idc = ptl.levelIdc;
+    const uint32_t id = r.ue();
+    if (id > 15 || !r.more())
+        return false;
+    sps->sps_id = static_cast<uint8_t>(id);
+    return true;
+}
+
 bool ParseSubLayerHrd(Reader& r, uint32_t cpbCnt, bool subPicParams) {
     for (uint32_t i = 0; i < cpbCnt; ++i) {
         r.ue();  // bit_rate_value_minus1
@@ -357,27 +376,24 @@ std::unique_ptr<hevc_vps_t> hevc_decode_vps(const uint8_t* nal, size_t size) {
     return vps;
 }
 
+int hevc_sps_id(const uint8_t* nal, size_t size) {
+    if (!nal || size < 3)
+        return -1;
+    Reader r(nal + 2, size - 2);
+    hevc_sps_t sps{};
+    return ReadSpsHead(r, &sps) ? sps.sps_id : -1;
+}
+
 std::unique_ptr<hevc_sps_t> hevc_decode_sps(const uint8_t* nal, size_t size) {
     if (!nal || size < 3)
         return nullptr;
     Reader r(nal + 2, size - 2);
     auto sps = std::make_unique<hevc_sps_t>();
-    sps->vps_id = static_cast<uint8_t>(r.u(4));
-    sps->max_sub_layers_minus1 = static_cast<uint8_t>(r.u(3));
-    if (sps->max_sub_layers_minus1 > kMaxSubLayersMinus1)
+    if (!ReadSpsHead(r, sps.get()))
         return nullptr;
-    r.skip(1);  // sps_temporal_id_nesting_flag
-    Ptl ptl;
-    if (!ParseProfileTierLevel(r, sps->max_sub_layers_minus1, &ptl))
-        return nullptr;
-    sps->general_profile_idc = ptl.profileIdc;
-    sps->general_level_idc = ptl.levelIdc;
-
-    const uint32_t id = r.ue();
     const uint32_t chroma = r.ue();
-    if (id > 15 || chroma > 3)
+    if (chroma > 3)
         return nullptr;
-    sps->sps_id = static_cast<uint8_t>(id);
     sps->chroma_format_idc = static_cast<uint8_t>(chroma);
     if (chroma == 3)
         sps->separate_colour_plane = r.flag();

@@ -78,6 +78,8 @@ typedef __tag_hevc_pps_t hevc_pps_t;
 
 std::unique_ptr<hevc_vps_t> hevc_decode_vps(const uint8_t* nal, size_t size);
 std::unique_ptr<hevc_sps_t> hevc_decode_sps(const uint8_t* nal, size_t size);
+// sps_seq_parameter_set_id (0..15) of an SPS, or -1 when the bits in front of it do not read.
+int hevc_sps_id(const uint8_t* nal, size_t size);
 std::unique_ptr<hevc_pps_t> hevc_decode_pps(const uint8_t* nal, size_t size);
 
 // The visible picture size of an SPS (the conformance window applied).

@@ -208,6 +208,37 @@ void Mpeg4VideoPacketizer::packetizer_Header(PACK_STREAM* s, const uint8_t* data
     s->flushing = false;
 }
 
+MediaBlock* Mpeg4VideoPacketizer::Drain(PACK_STREAM* s) {
+    if (!s)
+        return nullptr;
+    MediaBlock* chain = nullptr;
+    MediaBlock** tail = &chain;
+    const bool byteStream =
+        m_type == VIDEO_PACKET_MPEG4 || m_type == VIDEO_PACKET_H264 || m_type == VIDEO_PACKET_HEVC;
+    if (byteStream && s->bytestream.p_chain) {
+        // Cut the bytes after the last start code as a unit, as for a stream header; an
+        // empty block sets the splitter going.
+        MediaBlock* in = new MediaBlock(0, nullptr);
+        s->flushing = true;
+        while (MediaBlock* out = Packetize(s, &in))
+            BlockChainLastAppend(&tail, out);
+        delete in;
+        SplitterReset(s);
+        BlockByteStreamEmpty(&s->bytestream);
+        s->flushing = false;
+    }
+    MediaBlock* picture = nullptr;
+    if ((m_type == VIDEO_PACKET_H264 || m_type == VIDEO_PACKET_AVC1) && s->slicePending)
+        picture = OutputPicture(s);  // nothing before the first key picture, as ever
+    else if ((m_type == VIDEO_PACKET_HEVC || m_type == VIDEO_PACKET_HEVC_HVCC) && s->frame)
+        picture = BlockChainGather(FrameTake(s));
+    if (picture) {
+        picture->SetTimestamp(m_timestamp);
+        BlockChainLastAppend(&tail, picture);
+    }
+    return chain;
+}
+
 MediaBlock* Mpeg4VideoPacketizer::PacketizeParse(PACK_STREAM* s, bool* tsUsed, MediaBlock* unit) {
     *tsUsed = false;
     switch (m_type) {

@@ -15,6 +15,8 @@ public:
     int InitPacket(PACK_STREAM* stream) override;
     void FreePacket(PACK_STREAM* stream) override;
     MediaBlock* Packetize(PACK_STREAM* stream, MediaBlock** ppBlock) override;
+    // The last unit (no start code will follow it) and the picture collected with it.
+    MediaBlock* Drain(PACK_STREAM* stream) override;
 
     // The captions of the last output picture as one block (owned by the caller), or null
     // when there are none; present receives the four channel-presence flags.

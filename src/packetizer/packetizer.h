@@ -161,6 +161,12 @@ public:
     virtual void FreePacket(PACK_STREAM* stream) = 0;
     // Takes *ppBlock, returns at most one finished unit (owned by the caller) or null.
     virtual MediaBlock* Packetize(PACK_STREAM* stream, MediaBlock** ppBlock) = 0;
+    // At the end of a stream whose units arrive whole: the chain of finished units that
+    // were still held waiting for more input (owned by the caller), or null.
+    virtual MediaBlock* Drain(PACK_STREAM* stream) {
+        (void)stream;
+        return nullptr;
+    }
 };
 
 // Back to a fresh record: every field zeroed or null, the format empty. Frees nothing but

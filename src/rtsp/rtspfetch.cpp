@@ -236,6 +236,9 @@ void RtspFetch::DoFetchLoop(MediaDataHandler* handler) {
     SetLoopEnd(RtspLoopEnd());
     m_pPacker->SetDataHandler(handler);
     m_pReceiver->DoRecvLoop(this);
+    // RTP hands over whole NAL units: what the packetizers still hold is complete, and at
+    // the end of a recorded range it is the last pictures.
+    m_pPacker->Flush();
     m_pPacker->Free();
     SetLoopEnd(m_pReceiver->LoopEnd());
 }

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "core/log.h"
 
@@ -72,6 +73,37 @@ void SetExtraFromAnnexB(const std::vector<uint8_t>& annexB, ESFormat& fmt) {
     fmt.SetExtra(annexB.empty() ? nullptr : annexB.data(), static_cast<int>(annexB.size()));
 }
 
+// Cameras put Annex B into the base64: start codes in front of, between or behind the
+// parameter sets, and the same set in two pieces. Each unit is taken out of its start codes
+// (and of the zero bytes in front of the next one) and written once, behind one start code.
+// True when the piece carried a start code of its own.
+bool AppendUnits(const std::vector<uint8_t>& piece, std::set<std::string>& seen,
+                 std::vector<uint8_t>& annexB) {
+    bool startCodes = false;
+    const size_t n = piece.size();
+    size_t pos = 0;
+    while (pos < n) {
+        size_t code = n;  // where the next 00 00 01 begins
+        for (size_t i = pos; i + 2 < n; ++i)
+            if (piece[i] == 0 && piece[i + 1] == 0 && piece[i + 2] == 1) {
+                code = i;
+                break;
+            }
+        size_t end = code;
+        while (end > pos && piece[end - 1] == 0)
+            --end;
+        if (end > pos && seen.emplace(piece.begin() + pos, piece.begin() + end).second) {
+            annexB.insert(annexB.end(), kStartCode, kStartCode + sizeof kStartCode);
+            annexB.insert(annexB.end(), piece.begin() + pos, piece.begin() + end);
+        }
+        if (code == n)
+            break;
+        startCodes = true;
+        pos = code + 3;
+    }
+    return startCodes;
+}
+
 bool StartsWith(const std::string& text, const char* prefix) {
     return text.compare(0, strlen(prefix), prefix) == 0;
 }
@@ -128,6 +160,8 @@ std::vector<uint8_t> SpropToAnnexB(std::string_view sprop) {
         return annexB;
     }
     std::vector<uint8_t> nal;
+    std::set<std::string> seen;
+    bool startCodes = false;
     while (!sprop.empty()) {
         const size_t comma = sprop.find(',');
         std::string_view piece = sprop.substr(0, comma);
@@ -139,18 +173,11 @@ std::vector<uint8_t> SpropToAnnexB(std::string_view sprop) {
                    static_cast<int>(piece.size() > 64 ? 64 : piece.size()), piece.data());
             continue;
         }
-        // Some cameras encode the start code of the next unit at the end of a piece.
-        if (nal.size() >= 4 && nal[nal.size() - 4] == 0 && nal[nal.size() - 3] == 0 &&
-            nal[nal.size() - 2] == 0 && nal[nal.size() - 1] == 1)
-            nal.resize(nal.size() - 4);
-        else if (nal.size() >= 3 && nal[nal.size() - 3] == 0 && nal[nal.size() - 2] == 0 &&
-                 nal[nal.size() - 1] == 1)
-            nal.resize(nal.size() - 3);
-        if (nal.empty())
-            continue;
-        annexB.insert(annexB.end(), kStartCode, kStartCode + sizeof kStartCode);
-        annexB.insert(annexB.end(), nal.begin(), nal.end());
+        startCodes = AppendUnits(nal, seen, annexB) || startCodes;
     }
+    if (startCodes)
+        CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_NOTICE,
+               "Parameter sets carry start codes in their base64, stripped.\n");
     return annexB;
 }
 

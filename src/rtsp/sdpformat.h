@@ -26,9 +26,9 @@ struct SdpMediaDesc {
 
 // Standard base64 ('=' padding optional, white space ignored); false on any other byte.
 bool SdpBase64Decode(std::string_view text, std::vector<uint8_t>& out);
-// A parameter-set attribute as Annex B: every comma-separated piece decoded and written after
-// 00 00 00 01, with a start code that a piece carries at its end removed. Pieces that are
-// not base64 are left out (and logged).
+// A parameter-set attribute as Annex B: every comma-separated piece decoded and each unit in
+// it written once after 00 00 00 01; start codes that a piece carries itself are removed.
+// Pieces that are not base64 are left out (and logged).
 std::vector<uint8_t> SpropToAnnexB(std::string_view sprop);
 // Hexadecimal text of a codec configuration is well formed (non-empty, even, hex digits).
 bool IsHexConfig(std::string_view text);

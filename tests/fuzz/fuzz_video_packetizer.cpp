@@ -1,6 +1,6 @@
 // The video packetizer for each syntax (H.264 Annex B and length-prefixed, HEVC Annex B and
 // with a configuration record, MPEG-4 Part 2), fed in blocks cut where the input says,
-// directly and through StreamPacker::Process as a receiver feeds it.
+// directly and through StreamPacker::Process as a receiver feeds it, and drained at the end.
 #include <cstddef>
 #include <cstdint>
 
@@ -39,6 +39,7 @@ void Direct(uint32_t codec, const uint8_t* extra, size_t extraSize, const uint8_
         delete in;
         pos += n;
     }
+    BlockChainRelease(packetizer.Drain(&stream));
     packetizer.FreePacket(&stream);
 }
 
@@ -60,6 +61,7 @@ void ThroughPacker(uint32_t codec, const uint8_t* data, size_t size, size_t piec
             break;
         pos += n;
     }
+    packer.Flush();
 }
 
 }  // namespace

@@ -52,23 +52,27 @@ TEST(H264Packetizer, NothingLeavesBeforeTheFirstIPictureAndEveryIPictureCarriesT
         const char* what;
         std::vector<std::string> units;
         std::vector<std::vector<int>> pictures;  // NAL unit types of each output
+        long long firstPts;                      // unit i is fed at time 100 * (i + 1)
     };
     const Case cases[] = {
         {"P pictures before the first I",
          {kSpsNal, kPpsNal, P(1, 2), P(2, 4), Idr(), P(1, 2), I(2, 4), P(3, 6)},
-         {{7, 8, 5}, {1}, {7, 8, 1}, {1}}},
+         {{7, 8, 5}, {1}, {7, 8, 1}, {1}},
+         500},
         {"slices before the parameter sets",
          {Idr(), P(1, 2), kSpsNal, kPpsNal, Idr(1), P(1, 2)},
-         {{7, 8, 5}, {1}}},
+         {{7, 8, 5}, {1}},
+         500},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
         VideoHarness h(kCodecH264);
         ASSERT_EQ(h.init, 0);
-        for (const auto& u : c.units)
-            h.Nal(u);
+        for (size_t i = 0; i < c.units.size(); ++i)
+            h.Nal(c.units[i], 100 * static_cast<long long>(i + 1));
         Finish(h);
         ASSERT_EQ(h.out.size(), c.pictures.size());
+        EXPECT_EQ(h.out[0]->GetPTS(), c.firstPts) << "the first I picture keeps its own time";
         for (size_t i = 0; i < h.out.size(); ++i) {
             EXPECT_EQ(h.H264Types(i), c.pictures[i]) << i;
             EXPECT_EQ(h.out[i]->GetFlags() & BLOCK_FLAG_TYPE_MASK,

@@ -61,6 +61,7 @@ TEST(HevcPacketizer, SliceTypes) {
         std::string slice;
         uint32_t flag;
         HevcPps pps;
+        HevcSps sps = {};
     };
     HevcSlice unknownPps;
     unknownPps.ppsId = 9;
@@ -78,11 +79,17 @@ TEST(HevcPacketizer, SliceTypes) {
         {"unknown PPS", nal::Slice(unknownPps), BLOCK_FLAG_TYPE_B, {}},
         {"extra slice header bits and an output flag", nal::Slice(withExtraBits), BLOCK_FLAG_TYPE_P,
          extraBitsAndOutputFlag},
+        {"SPS id other than its VPS id", Slice(1, 1), BLOCK_FLAG_TYPE_P, HevcPps{0, 3},
+         [] {
+             HevcSps s;
+             s.id = 3;
+             return s;
+         }()},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         VideoHarness h(kCodecHevc);
-        Headers(h, {}, {}, c.pps);
+        Headers(h, {}, c.sps, c.pps);
         h.Nal(c.slice);
         h.Nal(Slice(1, 1));
         h.Nal(Slice(1, 1));

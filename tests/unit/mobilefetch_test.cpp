@@ -198,9 +198,9 @@ TEST(MobileFetch, StartsThePackerOnceEverythingAnnouncedWasSeen) {
     }
 }
 
-// The packer gives a stream up after 51 video frames in a row without a picture. Counting
-// them shows which frames reached it: the one completing the description and everything
-// after, nothing before.
+// The packer gives a stream up after 51 video frames in a row without a picture (before the
+// first one, only when they span more than 12 s). Counting them shows which frames reached
+// it: the one completing the description and everything after, nothing before.
 TEST(MobileFetch, CompletingFrameIsPassedOnAndEarlierOnesAreNot) {
     for (int after : {49, 50}) {
         SCOPED_TRACE(after);
@@ -213,7 +213,7 @@ TEST(MobileFetch, CompletingFrameIsPassedOnAndEarlierOnesAreNot) {
             stream += Video(kFiller);
         stream += Video(kPps);
         for (int i = 0; i < after; ++i)
-            stream += Video(kFiller, 1000 + 40000 * i);
+            stream += Video(kFiller, 1000 + 300000 * i);
         RunSession(fetch, p, handler, {stream});
 
         ASSERT_EQ(handler.initVideo.size(), 1u);

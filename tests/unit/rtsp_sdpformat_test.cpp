@@ -107,6 +107,10 @@ TEST(SpropToAnnexB, PiecesBecomeStartCodedUnits) {
     spsWithStartCode.insert(spsWithStartCode.end(), {0, 0, 0, 1});
     Bytes ppsWithShortStartCode = kPps;
     ppsWithShortStartCode.insert(ppsWithShortStartCode.end(), {0, 0, 1});
+    Bytes annexBInside = {0, 0, 0, 1};
+    annexBInside.insert(annexBInside.end(), sps.begin(), sps.end());
+    annexBInside.insert(annexBInside.end(), {0, 0, 0, 1, 0, 0, 1});
+    annexBInside.insert(annexBInside.end(), kPps.begin(), kPps.end());
     const Case cases[] = {
         {Base64(sps) + "," + Base64(kPps), AnnexB({sps, kPps})},
         {Base64(sps), AnnexB({sps})},
@@ -115,6 +119,7 @@ TEST(SpropToAnnexB, PiecesBecomeStartCodedUnits) {
         {"", {}},
         {",,,", {}},
         {Base64({0, 0, 0, 1}), {}},  // nothing but a start code
+        {Base64(annexBInside) + "," + Base64(ppsWithShortStartCode), AnnexB({sps, kPps})},
     };
     for (const Case& c : cases)
         EXPECT_EQ(SpropToAnnexB(c.sprop), c.annexB) << c.sprop;

@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <vector>
 
 #include "host/hostthread.h"
 #include "log_capture.h"
+#include "nal_builder.h"
 #include "scripted_clock.h"
 
 // Looks at the packer's waiting lists (frames queued for the packetize thread).
@@ -103,6 +105,21 @@ int Feed(StreamPacker& p, MediaES es, const std::string& bytes, long long us,
     return p.Process(es, data.data(), static_cast<unsigned>(data.size()), At(us), amr, false);
 }
 
+// H.264 NAL units as an RTSP receiver hands them over (no start code).
+const nal::H264Sps kSps;
+const std::string kSpsNal = nal::Sps(kSps);
+const std::string kPpsNal = nal::Pps(nal::H264Pps{});
+
+std::string Slice(int nalType, int sliceType, int frameNum) {
+    nal::H264Slice s;
+    s.nalType = nalType;
+    s.sliceType = sliceType;
+    s.frameNum = frameNum & 15;
+    s.pocLsb = (2 * frameNum) & 63;
+    return nal::Slice(s, kSps);
+}
+const std::string kIdr = Slice(5, 7, 0);
+
 TEST(StreamPacker, PassThroughDeliversMxpegOnTheCallersThread) {
     ScriptedClock clock;
     RecordingHandler handler;
@@ -170,17 +187,111 @@ TEST(StreamPacker, RefusedDeliveryIsReturnedToTheFetcher) {
     EXPECT_EQ(Feed(packer, AUDIO_ES, "b", 2000), 7);
 }
 
-TEST(StreamPacker, FiftyOneVideoFramesWithoutOutputGiveUpTheStream) {
+TEST(StreamPacker, VideoWithoutOutputIsGivenUpAfterTheFirstKeyPictureHadItsChance) {
+    struct Case {
+        const char* what;
+        uint32_t codec;
+        std::function<std::string(int)> unit;  // frame i, fed at 1 s + i * stepUs
+        long long stepUs;
+        int frames;
+        int givenUpAt;  // the first frame answered FETCH_CONN_CLOSED, -1 for none
+        size_t delivered;
+    };
+    const std::string p1 = Slice(1, 5, 1);
+    auto nothing = [](int) { return std::string("v"); };
+    const Case cases[] = {
+        // An unknown codec: the video packetizer outputs nothing at all.
+        {"no output for 15 s: 51 frames", FourCC("wxyz"), nothing, 300000, 60, 50, 0},
+        {"frozen times: the frame cap", FourCC("wxyz"), nothing, 0, 6001, 5999, 0},
+        {"joined 10 s before the next key picture, 60 pictures a second", kCodecH264,
+         [](int i) {
+             return i == 0     ? kSpsNal
+                    : i == 1   ? kPpsNal
+                    : i < 602  ? Slice(1, 5, i)
+                    : i == 602 ? kIdr
+                               : Slice(1, 5, i - 602);
+         },
+         16667, 605, -1, 1},
+        {"after the first picture: 51 frames", kCodecH264,
+         [&](int i) {
+             return i == 0 ? kSpsNal : i == 1 ? kPpsNal : i == 2 ? kIdr : p1;
+         },
+         40000, 60, 55, 1},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordingHandler handler;
+        StreamPacker packer(Param(3, true, false));
+        packer.SetDataHandler(&handler);
+        packer.InitPackers(Format(VIDEO_ES, c.codec), Format(AUDIO_ES, kCodecAlaw));
+        int givenUpAt = -1;
+        for (int i = 0; i < c.frames && givenUpAt < 0; ++i)
+            if (Feed(packer, VIDEO_ES, c.unit(i), 1000000 + i * c.stepUs) == FETCH_CONN_CLOSED)
+                givenUpAt = i;
+        EXPECT_EQ(givenUpAt, c.givenUpAt);
+        EXPECT_EQ(handler.Deliveries().size(), c.delivered);
+        if (givenUpAt >= 0) {
+            EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 90000000), FETCH_CONN_CLOSED)
+                << "the video counter decides for audio too";
+        }
+    }
+}
+
+TEST(StreamPacker, AudioFormatItsPacketizerRefusesIsDroppedOnceAndVideoFlows) {
+    LogCapture log;
     RecordingHandler handler;
     StreamPacker packer(Param(3, true, false));
     packer.SetDataHandler(&handler);
-    // An unknown codec: the video packetizer releases every frame and outputs nothing.
-    packer.InitPackers(Format(VIDEO_ES, FourCC("wxyz")), Format(AUDIO_ES, kCodecAlaw));
-    for (int i = 1; i <= 50; ++i)
-        ASSERT_EQ(Feed(packer, VIDEO_ES, "v", i * 1000), 0) << i;
-    EXPECT_EQ(Feed(packer, VIDEO_ES, "v", 51000), FETCH_CONN_CLOSED);
-    EXPECT_EQ(Feed(packer, AUDIO_ES, "a", 52000), FETCH_CONN_CLOSED)
-        << "the video counter decides for audio too";
+    ESFormat audio = Format(AUDIO_ES, kCodecMp4a);
+    const uint8_t reservedRate[2] = {0x16, 0x90};  // AAC LC, sampling index 13
+    audio.SetExtra(reservedRate, 2);
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), audio);
+    EXPECT_EQ(handler.initAudioCodec, 0u) << "the host is told there is no audio";
+    for (int i = 1; i <= 60; ++i)
+        ASSERT_EQ(Feed(packer, AUDIO_ES, "\x21\x10", i * 20000), 0) << i;
+    for (const std::string& unit : {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1), Slice(1, 5, 2)})
+        EXPECT_EQ(Feed(packer, VIDEO_ES, unit, 1000000), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].es, VIDEO_ES);
+    EXPECT_EQ(log.Count("audio dropped"), 1);
+}
+
+TEST(StreamPacker, FlushDeliversThePicturesThePacketizerStillHolds) {
+    struct Case {
+        const char* what;
+        bool meta;
+        uint32_t codec;
+        std::vector<std::string> units;
+        size_t delivered;  // in all, once flushed
+    };
+    const Case cases[] = {
+        {"H.264 on the caller's thread",
+         false,
+         kCodecH264,
+         {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1)},
+         2},
+        {"H.264 in meta mode", true, kCodecH264, {kSpsNal, kPpsNal, kIdr, Slice(1, 5, 1)}, 2},
+        {"HEVC: parameter sets, then both pictures",
+         false,
+         kCodecHevc,
+         {nal::Vps({}), nal::Sps(nal::HevcSps{}), nal::Pps(nal::HevcPps{}),
+          nal::Slice(nal::HevcSlice{19, true, 0, 0, 2}), nal::Slice(nal::HevcSlice{})},
+         5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        RecordingHandler handler;
+        StreamPacker packer(Param(3, false, c.meta));
+        packer.SetDataHandler(&handler);
+        packer.InitPackers(Format(VIDEO_ES, c.codec), ESFormat());
+        for (size_t i = 0; i < c.units.size(); ++i)
+            ASSERT_EQ(Feed(packer, VIDEO_ES, c.units[i], 100000000 + 40000 * i), 0);
+        packer.Flush();
+        auto d = handler.Deliveries();
+        ASSERT_EQ(d.size(), c.delivered);
+        EXPECT_EQ(d.back().pts - d[d.size() - 2].pts, 40000) << "the last picture's own time";
+    }
 }
 
 TEST(StreamPacker, NoHandlerClosesWithoutLeaking) {
@@ -209,21 +320,29 @@ TEST(StreamPacker, MissingPacketizerIsReported) {
 TEST(StreamPacker, FramesAreWrappedByCodec) {
     camfetch_host::ThreadFailNextCreates(3);
     StreamPacker packer(Param(3, true, true));
-    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecSamr));
+    packer.InitPackers(Format(VIDEO_ES, kCodecH264), Format(AUDIO_ES, kCodecAlaw));
     std::string nal(10, '\x41');
     EXPECT_EQ(Feed(packer, VIDEO_ES, nal, 1000), 1) << "no packetize thread";
-    std::string amr(31, '\x22');
-    EXPECT_EQ(Feed(packer, AUDIO_ES, amr, (1LL << 40) * 1000000 + 5, 0x3C), 1);
+    EXPECT_EQ(Feed(packer, AUDIO_ES, "alaw", (1LL << 40) * 1000000 + 5), 1);
     auto video = StreamPackerInspector::Waiting(packer, VIDEO_ES);
     ASSERT_EQ(video.size(), 1u);
     EXPECT_EQ(video[0].bytes.size(), 14u);
     EXPECT_EQ(0, memcmp(video[0].bytes.data(), "\x00\x00\x00\x01\x41", 5));
     auto audio = StreamPackerInspector::Waiting(packer, AUDIO_ES);
     ASSERT_EQ(audio.size(), 1u);
-    EXPECT_EQ(audio[0].bytes.size(), 32u);
-    EXPECT_EQ(audio[0].bytes[0], 0x3C);
     EXPECT_EQ(audio[0].pts, ((1LL << 40) * 1000000 + 5) & 0x00FFFFFFFFFFFFFFLL);
     camfetch_host::ThreadFailNextCreates(0);
+
+    // AMR has no packetizer: it reaches the host only beside pass-through video.
+    RecordingHandler handler;
+    StreamPacker passThrough(Param(1, true, false));
+    passThrough.SetDataHandler(&handler);
+    passThrough.InitPackers(Format(VIDEO_ES, kCodecMjpg), Format(AUDIO_ES, kCodecSamr));
+    EXPECT_EQ(Feed(passThrough, AUDIO_ES, std::string(31, '\x22'), 1000, 0x3C), 0);
+    auto d = handler.Deliveries();
+    ASSERT_EQ(d.size(), 1u);
+    EXPECT_EQ(d[0].bytes.size(), 32u);
+    EXPECT_EQ(d[0].bytes[0], 0x3C);
 }
 
 TEST(StreamPacker, FailedThreadCreationQueuesUntilFree) {

@@ -52,6 +52,9 @@ void DemoCamera::Run() {
     } else {
         ServerMediaSession* sms =
             ServerMediaSession::createNew(*s.env, "sample", "sample", "camfetch sample camera");
+        // The file server never sends the last unit of a file (and the picture it belongs
+        // to): the sample ends with end-of-sequence and end-of-stream units, so that all
+        // 250 pictures go out.
         sms->addSubsession(H264VideoFileServerMediaSubsession::createNew(
             *s.env, (s.dir + "/sample.264").c_str(), False));
         sms->addSubsession(ADTSAudioFileServerMediaSubsession::createNew(
