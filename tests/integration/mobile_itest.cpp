@@ -92,8 +92,13 @@ protected:
     void StartClient(const std::string& socketPath, const std::vector<std::string>& extra) {
         std::vector<std::string> argv = {"python3",    kClient,    "--socket",   socketPath,
                                          "--manifest", Manifest(), "--payloads", Payloads()};
+        argv.insert(argv.end(), {"--ready", m_dir.File("ready")});
         argv.insert(argv.end(), extra.begin(), extra.end());
         ASSERT_TRUE(m_client.Start(argv, 60, m_dir.File("client.log")));
+        // The receiver gives a client one second to connect: start listening only once the
+        // client has its messages ready, however slow the machine is today.
+        for (int i = 0; i < 600 && !mobiletest::FileExists(m_dir.File("ready")); ++i)
+            usleep(50000);
     }
     // Waits for the client to finish by itself and returns what it sent.
     std::vector<Pushed> ClientSent() {

@@ -184,21 +184,25 @@ def main():
     p.add_argument("--wait-socket", type=float, default=20.0)
     p.add_argument("--max-write", type=int, default=3000)
     p.add_argument("--seed", type=int, default=1)
+    p.add_argument("--ready", help="file created once the messages are ready to go")
     args = p.parse_args()
+
+    # Everything is read before connecting: the receiver gives a silent client one second.
+    messages = []
+    if args.video:
+        messages += video_messages(args.video)
+    if args.audio:
+        messages += audio_messages(args.audio, args.audio_offset_ms * 1000)
+    # Parameter sets first; at equal times audio goes before video.
+    order = {"sps": 0, "pps": 1}
+    messages.sort(key=lambda m: (m[0], order.get(m[3], 2), m[1] == "video/h264"))
+    if args.ready:
+        open(args.ready, "w").close()
 
     sock = connect(args.socket, args.wait_socket)
     pusher = Pusher(sock, args)
     try:
         pusher.send("media-info", args.media_info.encode(), None, with_ts=False)
-        messages = []
-        if args.video:
-            messages += video_messages(args.video)
-        if args.audio:
-            messages += audio_messages(args.audio, args.audio_offset_ms * 1000)
-        # Parameter sets first; at equal times audio goes before video.
-        order = {"sps": 0, "pps": 1}
-        messages.sort(key=lambda m: (m[0], order.get(m[3], 2), m[1] == "video/h264"))
-
         if args.mode == "push":
             pusher.paced(messages)
         elif args.mode == "bad-header":
