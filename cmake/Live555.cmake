@@ -15,8 +15,8 @@
 #                               LD_PRELOAD it into live555MediaServer (it is
 #                               empty where glibc has the C23 functions)
 #   CAMFETCH_NEED_GLIBC_COMPAT  ON when the fetched libraries import the C23
-#                               strtol/sscanf this glibc lacks; libcamfetch then
-#                               compiles src/core/glibc_compat.cpp in
+#                               strto*/scanf family this glibc lacks; libcamfetch
+#                               then compiles src/core/glibc_compat.cpp in
 include_guard(GLOBAL)
 include(CheckCXXSourceCompiles)
 include(CheckFunctionExists)
