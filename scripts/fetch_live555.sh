@@ -12,7 +12,7 @@
 # symbol camfetch's compatibility code does not cover, a newer libstdc++ or
 # OpenSSL), the testing suite's version is taken instead; when neither loads,
 # the fetch fails with one line naming what is missing.  The stamp records the
-# suite and the package versions taken.
+# suite and the package versions taken, which `camfetch --version` prints.
 #
 # Does nothing if pkg-config already knows a system live555, or if a previous
 # run completed (.deps/live555/.stamp).  Set CAMFETCH_DEBIAN_MIRROR to override

@@ -1,5 +1,7 @@
 #include "rtsp/live555copy.h"
 
+#include <liveMedia_version.hh>
+
 #include <dlfcn.h>
 #include <link.h>
 
@@ -7,6 +9,7 @@
 #include <cstdlib>
 #include <memory>
 
+#include "core/version.h"
 #include "live555build.h"
 
 namespace live555copy {
@@ -98,3 +101,19 @@ bool FindPrivateCopy(std::vector<Library>& libraries, std::string& why) {
 }
 
 }  // namespace live555copy
+
+std::string CamfetchLive555Version() {
+    try {
+        std::string text = liveMediaLibraryVersionStr;
+        text += std::string(" (built with ") + live555build::kVersion + " from " +
+                live555build::kOrigin;
+        int copies = 0;
+        const std::vector<importslot::Object> objects = importslot::LoadedObjects();
+        if (const importslot::Object* liveMedia =
+                live555copy::Loaded(objects, live555build::kLibraries[0].soname, copies))
+            text += "; loaded from " + live555copy::Directory(liveMedia->path);
+        return text + ")";
+    } catch (...) {
+        return std::string();
+    }
+}

@@ -1,0 +1,5 @@
+#include "core/version.h"
+
+const char* CamfetchVersion() {
+    return CAMFETCH_VERSION;
+}
