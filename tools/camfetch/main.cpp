@@ -99,7 +99,8 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (options.command == Command::kVersion) {
-        printf("camfetch %s\nlive555 %s\n", CamfetchVersion(), CamfetchLive555Version().c_str());
+        printf("camfetch %s (host API %d)\nlive555 %s\n", CamfetchVersion(),
+               CamfetchHostApiVersion(), CamfetchLive555Version().c_str());
         return 0;
     }
     struct sigaction sa;
