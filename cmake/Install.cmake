@@ -6,10 +6,10 @@ include(CMakePackageConfigHelpers)
 # Installed binaries find our libraries (and a bundled live555) next to themselves. An
 # old-style RPATH also serves the libraries they load, which live555's own need.
 set_target_properties(camfetch camfetch_host PROPERTIES
-  INSTALL_RPATH "$ORIGIN;$ORIGIN/camfetch" EXPORT_NAME camfetch)
+  INSTALL_RPATH "$ORIGIN;$ORIGIN/${CAMFETCH_LIVE555_INSTALL_SUBDIR}" EXPORT_NAME camfetch)
 set_target_properties(camfetch_host PROPERTIES EXPORT_NAME host)
 set_target_properties(camfetch_tool PROPERTIES
-  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/camfetch")
+  INSTALL_RPATH "$ORIGIN/../${CMAKE_INSTALL_LIBDIR};$ORIGIN/../${CMAKE_INSTALL_LIBDIR}/${CAMFETCH_LIVE555_INSTALL_SUBDIR}")
 target_link_options(camfetch_tool PRIVATE LINKER:--disable-new-dtags)
 
 install(TARGETS camfetch camfetch_host EXPORT camfetchTargets
@@ -22,10 +22,13 @@ install(FILES ${PROJECT_SOURCE_DIR}/tools/camfetch/sample/sample.264
               ${PROJECT_SOURCE_DIR}/tools/camfetch/sample/sample.aac
   DESTINATION ${CMAKE_INSTALL_DATADIR}/camfetch)
 
-# live555 unpacked from Debian's archive is not on the target machine: ship it along.
+# live555 unpacked from Debian's archive is not on the target machine: ship it along, as the
+# library's private copy in a directory of its own (where the library looks for it before it
+# batches live555's socket reads).
 if(LIVE555_FETCHED)
   file(GLOB _live555_sonames "${LIVE555_LIBRARY_DIR}/lib*.so.*")
-  install(FILES ${_live555_sonames} DESTINATION ${CMAKE_INSTALL_LIBDIR}/camfetch)
+  install(FILES ${_live555_sonames}
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/${CAMFETCH_LIVE555_INSTALL_SUBDIR})
 endif()
 
 install(EXPORT camfetchTargets NAMESPACE camfetch::

@@ -15,8 +15,10 @@
 #                               LD_PRELOAD it into live555MediaServer (it is
 #                               empty where glibc has the C23 functions)
 #   CAMFETCH_NEED_GLIBC_COMPAT  ON when the fetched libraries import the C23
-#                               strtol/sscanf this glibc lacks; libcamfetch then
-#                               compiles src/core/glibc_compat.cpp in
+#                               strto*/scanf family this glibc lacks; libcamfetch
+#                               then compiles src/core/glibc_compat.cpp in
+#   CAMFETCH_GENERATED_DIR      holds live555build.h, the record of what the build
+#                               took (cmake/Live555Build.cmake)
 include_guard(GLOBAL)
 include(CheckCXXSourceCompiles)
 include(CheckFunctionExists)
@@ -168,6 +170,7 @@ else()
   find_program(LIVE555_MEDIA_SERVER live555MediaServer)
 endif()
 set(CAMFETCH_HAVE_LIVE555 ON)
+include(Live555Build)
 message(STATUS "live555 ${LIVE555_VERSION} in ${LIVE555_LIBRARY_DIR}"
   " (fetched: ${LIVE555_FETCHED}, glibc compat: ${CAMFETCH_NEED_GLIBC_COMPAT},"
   " flags: ${_live555_cflags})")

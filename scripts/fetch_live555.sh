@@ -8,6 +8,12 @@
 # .deps/live555/live555.pc for the build.  livemedia-utils comes along for
 # live555MediaServer, which the integration tests serve from.
 #
+# When unstable's live555 needs what this machine cannot give it (a glibc
+# symbol camfetch's compatibility code does not cover, a newer libstdc++ or
+# OpenSSL), the testing suite's version is taken instead; when neither loads,
+# the fetch fails with one line naming what is missing.  The stamp records the
+# suite and the package versions taken, which `camfetch --version` prints.
+#
 # Does nothing if pkg-config already knows a system live555, or if a previous
 # run completed (.deps/live555/.stamp).  Set CAMFETCH_DEBIAN_MIRROR to override
 # the archive URL taken from the machine's apt sources.
@@ -77,70 +83,121 @@ mirror=${CAMFETCH_DEBIAN_MIRROR:-$(archive_url | head -n1)}
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 [[ -r $keyring ]] || die "$keyring missing (package debian-archive-keyring)"
 
-# Private apt: own sources, lists, cache, an empty dpkg status (so nothing on
-# this machine counts as installed) and no preferences.  Configuration
-# fragments in /etc/apt/apt.conf.d still apply, which keeps proxy settings.
-mkdir -p "$aptdir"/{lists/partial,cache/archives/partial,sources.list.d,preferences.d,debs}
-: > "$aptdir/status"
-echo "deb [signed-by=$keyring] ${mirror%/} unstable main" > "$aptdir/sources.list"
-cat > "$aptdir/apt.conf" <<EOF
-Dir::State "$aptdir";
-Dir::State::Lists "$aptdir/lists";
-Dir::State::status "$aptdir/status";
-Dir::Cache "$aptdir/cache";
-Dir::Etc::SourceList "$aptdir/sources.list";
-Dir::Etc::SourceParts "$aptdir/sources.list.d";
-Dir::Etc::Preferences "$aptdir/preferences";
-Dir::Etc::PreferencesParts "$aptdir/preferences.d";
+# Private apt, one per suite: own sources, lists, cache, an empty dpkg status
+# (so nothing on this machine counts as installed) and no preferences.
+# Configuration fragments in /etc/apt/apt.conf.d still apply, which keeps proxy
+# settings.
+use_suite() { # use_suite SUITE: apt sees that suite alone; its downloads go to $debs
+    local dir=$aptdir/$1
+    mkdir -p "$dir"/{lists/partial,cache/archives/partial,sources.list.d,preferences.d,debs}
+    : > "$dir/status"
+    echo "deb [signed-by=$keyring] ${mirror%/} $1 main" > "$dir/sources.list"
+    cat > "$dir/apt.conf" <<EOF
+Dir::State "$dir";
+Dir::State::Lists "$dir/lists";
+Dir::State::status "$dir/status";
+Dir::Cache "$dir/cache";
+Dir::Etc::SourceList "$dir/sources.list";
+Dir::Etc::SourceParts "$dir/sources.list.d";
+Dir::Etc::Preferences "$dir/preferences";
+Dir::Etc::PreferencesParts "$dir/preferences.d";
 Acquire::Languages "none";
 APT::Sandbox::User "$(id -un)";
 EOF
-export APT_CONFIG=$aptdir/apt.conf
-
-log "reading the unstable package index from $mirror"
-apt-get -q update >&2 || die "apt-get update of the private unstable source failed"
+    export APT_CONFIG=$dir/apt.conf
+    debs=$dir/debs
+}
 
 field() { # field PACKAGE FIELD -> first word of that field of the candidate
     apt-cache show --no-all-versions "$1" | sed -n "s/^$2: *\([^ ]*\).*/\1/p" | head -n1
 }
-dev=liblivemedia-dev
-source_pkg=$(field "$dev" Source)
-source_pkg=${source_pkg:-$dev}
-# The runtime libraries are the dev package's dependencies built from the
-# same source; their names carry sonames, so they are looked up, not written.
-runtime=()
-for dep in $(apt-cache depends "$dev" | awk '$1 == "Depends:" { print $2 }' | tr -d '<>'); do
-    dep_source=$(field "$dep" Source)
-    [[ ${dep_source:-$dep} == "$source_pkg" ]] && runtime+=("$dep")
-done
-((${#runtime[@]})) || die "could not resolve the runtime packages of $dev"
-packages=("$dev" "${runtime[@]}" livemedia-utils)
 
-rm -f "$aptdir"/debs/*.deb
-(cd "$aptdir/debs" && apt-get -q download "${packages[@]}" >&2) || die "downloading ${packages[*]} failed"
+# What the unpacked binaries need from this machine and cannot get: libraries
+# not found, symbol versions missing (a newer libstdc++ or OpenSSL), undefined
+# symbols. The server is relocated with every library preloaded, so that the
+# libraries' references to each other resolve as in a program that uses them
+# all. The C23 names camfetch defines itself do not count: they are bound once
+# libcamfetch (or the server's preload) is there.
+unmet() { # unmet SERVER LIBDIR -> the names, on one line
+    local preload
+    preload=$(find "$2" -maxdepth 1 -type f -name 'lib*.so.*' | paste -s -d ' ')
+    LD_PRELOAD=$preload LD_LIBRARY_PATH=$2 ldd -r "$1" 2>&1 |
+        sed -n -E -e 's/^[[:space:]]*([^ ]+) => not found.*/\1/p' \
+            -e "s/.*version \`([^']+)' not found.*/\1/p" \
+            -e 's/^undefined symbol: ([^[:space:]]+).*/\1/p' |
+        grep -v -x -F -f <(python3 "$repo/scripts/glibc_compat_patch.py" --provided) |
+        sort -u | paste -s -d ' ' || true
+}
+
+# try_suite SUITE: the newest live555 of that suite, unpacked into $candidate
+# and adapted to this machine; or false with the reason, on one line, in $why.
+try_suite() {
+    local suite=$1 dev=liblivemedia-dev source_pkg dep dep_source deb lib patched missing
+    use_suite "$suite"
+    log "reading the $suite package index from $mirror"
+    apt-get -q update >&2 || { why="$suite: apt-get update failed"; return 1; }
+    version=$(field "$dev" Version)
+    [[ -n $version ]] || { why="$suite: no $dev"; return 1; }
+    source_pkg=$(field "$dev" Source)
+    source_pkg=${source_pkg:-$dev}
+    # The runtime libraries are the dev package's dependencies built from the
+    # same source; their names carry sonames, so they are looked up, not written.
+    local runtime=()
+    for dep in $(apt-cache depends "$dev" | awk '$1 == "Depends:" { print $2 }' | tr -d '<>'); do
+        dep_source=$(field "$dep" Source)
+        [[ ${dep_source:-$dep} == "$source_pkg" ]] && runtime+=("$dep")
+    done
+    ((${#runtime[@]})) || { why="$suite $version: no runtime packages of $dev"; return 1; }
+    local packages=("$dev" "${runtime[@]}" livemedia-utils)
+    rm -f "$debs"/*.deb
+    (cd "$debs" && apt-get -q download "${packages[@]}" >&2) ||
+        { why="$suite $version: downloading ${packages[*]} failed"; return 1; }
+
+    rm -rf "$candidate"
+    mkdir -p "$candidate"
+    for deb in "$debs"/*.deb; do
+        dpkg-deb -x "$deb" "$candidate"
+    done
+    libdir=$(dirname "$(find "$candidate/usr/lib" -name libliveMedia.so -print -quit)")
+    [[ -d $libdir && $libdir != . ]] || { why="$suite $version: no libliveMedia.so"; return 1; }
+    [[ -x $candidate/usr/bin/live555MediaServer ]] ||
+        { why="$suite $version: no live555MediaServer in livemedia-utils"; return 1; }
+    # Patch the real files, not their soname symlinks.
+    local targets=("$candidate/usr/bin/live555MediaServer")
+    for lib in "$libdir"/*.so.*; do
+        [[ -L $lib ]] || targets+=("$lib")
+    done
+    if ! patched=$(python3 "$repo/scripts/glibc_compat_patch.py" "${targets[@]}" 2>&1); then
+        why="$suite $version: $(grep -v '^$' <<<"$patched" | tail -n1 | sed 's|^[^:]*/||')"
+        return 1
+    fi
+    [[ -z $patched ]] || echo "$patched" >&2
+    missing=$(unmet "${targets[0]}" "$libdir")
+    [[ -z $missing ]] || { why="$suite $version: needs $missing, which this machine lacks"; return 1; }
+}
+
+# The newest candidate first; the testing suite's when unstable's needs what
+# this machine (with camfetch's compatibility code) cannot give.
+candidate=$prefix/root.new
+reasons=()
+taken=
+for suite in unstable testing; do
+    if try_suite "$suite"; then
+        taken=$suite
+        break
+    fi
+    log "$why"
+    reasons+=("$why")
+done
+if [[ -z $taken ]]; then
+    rm -rf "$candidate"
+    die "no live555 from Debian loads here: $(printf '%s; ' "${reasons[@]}" | sed 's/; $//')"
+fi
 
 rm -rf "$root" "$stamp"
-mkdir -p "$root"
-for deb in "$aptdir"/debs/*.deb; do
-    dpkg-deb -x "$deb" "$root"
-done
-
+mv "$candidate" "$root"
 libdir=$(dirname "$(find "$root/usr/lib" -name libliveMedia.so -print -quit)")
-[[ -d $libdir && $libdir != . ]] || die "libliveMedia.so not found in the unpacked packages"
 server=$root/usr/bin/live555MediaServer
-[[ -x $server ]] || die "live555MediaServer not found in livemedia-utils"
-
-# Patch the real files, not their soname symlinks.
-targets=("$server")
-for lib in "$libdir"/*.so.*; do
-    [[ -L $lib ]] || targets+=("$lib")
-done
-python3 "$repo/scripts/glibc_compat_patch.py" "${targets[@]}" >&2 ||
-    die "the unstable live555 needs more from glibc than this machine and camfetch provide"
-
-# Every library the packages need from outside must already be here.
-missing=$(LD_LIBRARY_PATH=$libdir ldd "${targets[@]}" 2>&1 | grep -E 'not found' | sort -u || true)
-[[ -z $missing ]] || die "unresolved runtime dependencies:"$'\n'"$missing"
 # The library is built with TLS support, whose members appear in the public
 # headers, so compiling against it needs the OpenSSL headers too.
 [[ -f /usr/include/openssl/ssl.h ]] ||
@@ -169,12 +226,13 @@ sed -e "s|^prefix=.*|prefix=$root/usr|" \
 {
     echo "format=$stamp_format"
     echo "mirror=$mirror"
+    echo "suite=$taken"
     echo "includedir=$root/usr/include"
     echo "libdir=$libdir"
     echo "server=$server"
-    for deb in "$aptdir"/debs/*.deb; do
+    for deb in "$debs"/*.deb; do
         echo "package=$(dpkg-deb -f "$deb" Package)=$(dpkg-deb -f "$deb" Version)"
     done
 } > "$stamp.tmp"
 mv "$stamp.tmp" "$stamp"
-log "live555 ready: PKG_CONFIG_PATH=$prefix pkg-config live555"
+log "live555 $version from Debian $taken ready: PKG_CONFIG_PATH=$prefix pkg-config live555"

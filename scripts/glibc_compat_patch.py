@@ -2,13 +2,15 @@
 """Let an ELF64 file built against a newer glibc load on this machine's glibc.
 
 Usage: glibc_compat_patch.py FILE...
+       glibc_compat_patch.py --provided   (the names camfetch defines, one a line)
 
 The live555 binaries we fetch were built against a newer glibc than the one
 we run on.  A few of their imports exist only under a newer symbol version
 (e.g. __isoc23_strtol@GLIBC_2.38, which the C23 headers substitute for
-strtol); camfetch defines those itself (src/core/glibc_compat.cpp), so the
-only thing standing in the way is the version requirement recorded in the
-file.  For every glibc version newer than ours we:
+strtol); camfetch defines those itself (src/core/glibc_compat.cpp, whose
+__isoc23_ names are read from the source), so the only thing standing in the
+way is the version requirement recorded in the file.  For every glibc version
+newer than ours we:
 
   * rename its entry in .gnu.version_r to an older glibc version the file
     already needs (name offset and hash copied, vna_other kept), so the
@@ -18,16 +20,26 @@ file.  For every glibc version newer than ours we:
     the symbol is bound without a version, to our definition.
 
 This is only sound for symbols we provide.  Any other symbol that needs a
-glibc newer than ours is reported and the file is left untouched (exit 1).
-Running the script on an already patched file changes nothing.
+glibc newer than ours is reported on one line and the file is left untouched
+(exit 1).  Running the script on an already patched file changes nothing.
 """
 import os
+import re
 import struct
 import sys
 import tempfile
 
-# Imports we define ourselves, so their version requirement can be dropped.
-PROVIDED = {"__isoc23_strtol", "__isoc23_sscanf"}
+COMPAT_SOURCE = os.path.join(os.path.dirname(os.path.abspath(__file__)),
+                             "..", "src", "core", "glibc_compat.cpp")
+
+
+def provided_names():
+    """The C23 names src/core/glibc_compat.cpp defines, so their version requirement can go."""
+    with open(COMPAT_SOURCE) as f:
+        return set(re.findall(r"\b__isoc23_[a-z]\w*", f.read()))
+
+
+PROVIDED = provided_names()
 
 SHT_DYNSYM = 11
 SHT_GNU_VERNEED = 0x6FFFFFFE
@@ -158,6 +170,9 @@ def main(paths):
     if not paths:
         print(__doc__.strip().splitlines()[2], file=sys.stderr)
         return 2
+    if paths == ["--provided"]:
+        print("\n".join(sorted(PROVIDED)))
+        return 0
     status = 0
     for path in paths:
         try:

@@ -15,6 +15,13 @@ class Value;
 // Result for a closed connection or nothing to fetch.
 constexpr int FETCH_CONN_CLOSED = 1;
 
+// uFlags bit: live555's socket reads stay unbatched. Batching sits under live555's import
+// slots, which are shared by the whole process, so the first RTSP fetcher of the process
+// decides whether they are rewritten at all: with this bit set they never are, and no later
+// fetcher batches. A later fetcher that sets the bit after a first one that did not gets its
+// own reads unbatched (they pass through the rewritten slots to the system unchanged).
+constexpr uint32_t FETCH_FLAG_NO_SOCKET_BATCH = 0x20;
+
 struct __tag_FETCH_PARAM {
     std::string strHost;
     std::string strUser;

@@ -1,8 +1,17 @@
 // Services the library takes from the process that loads it: logging, threads, a delay
 // timer. The library only declares them; the host defines them (src/host is the default).
+//
+// A host implements these declarations; the layouts are part of the ABI. The library reads
+// the host's log configuration (DBG_LOG_CFG, its table of processes) field by field, and it
+// makes DelayTimer objects in its own memory at the size declared here while the host's
+// constructor and methods fill them in: a host built against other layouts corrupts memory.
+// CAMFETCH_HOSTAPI_VERSION changes whenever a layout or a declaration here changes;
+// CamfetchHostApiVersion() (core/version.h) is the library's, for a host to compare.
 #pragma once
 
 #include <pthread.h>
+
+constexpr int CAMFETCH_HOSTAPI_VERSION = 1;
 
 // Log categories: one per subsystem. The numbers are part of the host's log configuration.
 enum LOG_CATEG {

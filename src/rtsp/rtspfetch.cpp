@@ -81,6 +81,7 @@ RtspFetch::RtspFetch(const FETCH_PARAM& param)
     m_recvParam.Timeout = param.iTimeout;
     m_recvParam.Protocol = param.iProtocol;
     m_recvParam.KeepAlive = param.iKeepAlive;
+    m_recvParam.SocketBatch = !(param.uFlags & FETCH_FLAG_NO_SOCKET_BATCH);
     m_pReceiver.reset(new RtspReceiver());
     if (m_pReceiver->Init(m_recvParam) != 0) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR, "Failed to init rtsp receiver.\n");

@@ -40,7 +40,7 @@ int RtspReceiver::Init(const RTSP_RECV_PARAM& param) {
         if (m_pScheduler)
             m_pEnv = LogUsageEnvironment::createNew(*m_pScheduler);
     }
-    socketbatch::Install();
+    socketbatch::Install(param.SocketBatch);
     if (param.Host.empty() || param.Port < 0 || !m_pEnv) {
         CF_LOG(LOG_CATEG_RTSP, LOG_LEVEL_ERROR,
                "Incorrect parameters, [Host: %s] [Port: %d] [Env: %d].\n", param.Host.c_str(),

@@ -65,6 +65,8 @@ public:
     // the loop thread (controllers) or after the loop has returned.
     RTSP_RECV_PARAM GetRecvParam() const { return m_param; }
     int CurrentProtocol() const { return m_param.Protocol; }
+    // Whether this receiver batches the reads of its RTSP connection (socketbatch.h).
+    bool BatchesReads() const { return m_param.SocketBatch; }
 
     // Maintained by MetaDataRTSPClient's constructor and destructor only.
     void InsertClient(RTSPClient* client);

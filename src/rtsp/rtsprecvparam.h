@@ -16,6 +16,7 @@ struct __tag_RTSP_RECV_PARAM {
     int Timeout = 10;            // setup timeout in seconds
     int Protocol = 4;            // 1 UDP, 2 TCP interleaved, 3 HTTP tunnelling, 4 auto
     int KeepAlive = 0;           // 0 none, 1 OPTIONS, 2 GET_PARAMETER
+    bool SocketBatch = true;     // batch the reads of the RTSP connection (socketbatch.h)
 };
 typedef __tag_RTSP_RECV_PARAM RTSP_RECV_PARAM;
 

@@ -185,7 +185,8 @@ void MetaDataRTSPClient::ContinueAfterPLAY(RTSPClient* rtspClient, int resultCod
         return;
     }
     // Interleaved RTP comes through the RTSP connection from now on: read it in batches.
-    if (client->m_receiver.CurrentProtocol() != RTSP_PROTOCOL_UDP)
+    if (client->m_receiver.CurrentProtocol() != RTSP_PROTOCOL_UDP &&
+        client->m_receiver.BatchesReads())
         socketbatch::Batch(client->socketNum());
     client->ScheduleKeepAliveTask();
     client->SchedulePollingTask();

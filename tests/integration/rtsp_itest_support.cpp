@@ -270,10 +270,17 @@ unsigned char* FrameRecorder::GetSubsessionRecvBuf(MediaSubsession* subsession,
     return buf.data();
 }
 
+uint64_t Digest(const uint8_t* data, size_t size) {
+    uint64_t hash = 0xcbf29ce484222325ULL;
+    for (size_t i = 0; i < size; ++i)
+        hash = (hash ^ data[i]) * 0x100000001b3ULL;
+    return hash;
+}
+
 void FrameRecorder::RecvMetaData(RtspReceiver* receiver, MediaSubsession* subsession,
                                  unsigned char* data, unsigned int size, timeval pts) {
     Frame f{SubsessionMediumName(subsession), SubsessionCodecName(subsession), size, pts,
-            std::vector<uint8_t>(data, data + std::min(size, 16u))};
+            Digest(data, size)};
     size_t count;
     {
         std::lock_guard<std::mutex> lock(m_mutex);

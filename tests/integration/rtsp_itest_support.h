@@ -28,6 +28,8 @@ bool MakeClip(const std::string& kind, const std::string& path, double seconds);
 
 // The NAL units of an Annex B file, without start codes.
 std::vector<std::vector<uint8_t>> ReadNalUnits(const std::string& path);
+// FNV-1a of a byte range.
+uint64_t Digest(const uint8_t* data, size_t size);
 
 // live555MediaServer in a directory of its own, bound to loopback. It always takes RTSP port
 // 554 (else 8554) and tunnels over HTTP on 80 (else 8000, 8080): one at a time.
@@ -111,7 +113,7 @@ public:
         std::string codec;
         unsigned int size;
         timeval pts;
-        std::vector<uint8_t> head;  // the first bytes
+        uint64_t digest;  // Digest of the whole frame
     };
     explicit FrameRecorder(int stopAfterFrames = 0) : m_stopAfter(stopAfterFrames) {}
     unsigned char* GetSubsessionRecvBuf(MediaSubsession* subsession, unsigned int& size) override;

@@ -9,6 +9,7 @@
 #include "log_capture.h"
 #include "rtsp/rtspfetch.h"
 #include "rtsp/rtspreceiver.h"
+#include "rtsp/socketbatch.h"
 #include "rtsp_itest_support.h"
 
 using namespace rtspitest;
@@ -44,8 +45,20 @@ int OpenFds() {
     return n;
 }
 
-class Live555Transport : public Live555Fixture, public ::testing::WithParamInterface<int> {};
+struct TransportCase {
+    int protocol;
+    bool batch;  // reads of the RTSP connection batched (TCP and HTTP)
+    const char* name;
+};
 
+void PrintTo(const TransportCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+class Live555Transport : public Live555Fixture,
+                         public ::testing::WithParamInterface<TransportCase> {};
+
+// Batched or not, every unit arrives byte for byte as the file holds it.
 TEST_P(Live555Transport, ReceiverGetsEveryNalUnitWithItsTimestamp) {
     Serve({{"h264", "clip.264"}});
     const auto nals = ReadNalUnits(File("clip.264"));
@@ -55,13 +68,15 @@ TEST_P(Live555Transport, ReceiverGetsEveryNalUnitWithItsTimestamp) {
     param.Port = m_server.RtspPort();
     param.HttpPort = m_server.HttpPort();
     param.Path = "clip.264";
-    param.Protocol = GetParam();
+    param.Protocol = GetParam().protocol;
+    param.SocketBatch = GetParam().batch;
     ASSERT_EQ(receiver.Init(param), 0);
+    EXPECT_TRUE(!GetParam().batch || socketbatch::Installed()) << "batching is off";
     FrameRecorder recorder;
-    receiver.DoRecvLoop(&recorder);  // ends with the clip (RTCP BYE)
+    RecvFor(receiver, recorder, 30);  // ends with the clip (RTCP BYE)
 
     EXPECT_EQ(receiver.GetResultCode(), 0);
-    EXPECT_EQ(receiver.GetRecvParam().Protocol, GetParam());
+    EXPECT_EQ(receiver.GetRecvParam().Protocol, GetParam().protocol);
     // Every unit of the file in order; the server's framer does not send the file's last
     // unit, which no start code ends.
     const auto frames = recorder.Frames("video");
@@ -71,7 +86,7 @@ TEST_P(Live555Transport, ReceiverGetsEveryNalUnitWithItsTimestamp) {
     timeval first{}, last{};
     for (size_t i = 0; i < frames.size(); ++i) {
         ASSERT_EQ(frames[i].size, nals[i].size()) << "unit " << i;
-        EXPECT_EQ(frames[i].head[0], nals[i][0]) << "unit " << i;
+        ASSERT_EQ(frames[i].digest, Digest(nals[i].data(), nals[i].size())) << "unit " << i;
         EXPECT_EQ(frames[i].codec, "H264");
         const int type = nals[i][0] & 0x1F;
         if (type == 1 || type == 5) {
@@ -88,13 +103,13 @@ TEST_P(Live555Transport, ReceiverGetsEveryNalUnitWithItsTimestamp) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Transports, Live555Transport,
-                         ::testing::Values(RTSP_PROTOCOL_UDP, RTSP_PROTOCOL_TCP,
-                                           RTSP_PROTOCOL_HTTP),
-                         [](const auto& info) {
-                             return std::string(info.param == RTSP_PROTOCOL_UDP   ? "Udp"
-                                                : info.param == RTSP_PROTOCOL_TCP ? "Tcp"
-                                                                                  : "Http");
-                         });
+                         ::testing::Values(TransportCase{RTSP_PROTOCOL_UDP, true, "Udp"},
+                                           TransportCase{RTSP_PROTOCOL_TCP, true, "Tcp"},
+                                           TransportCase{RTSP_PROTOCOL_HTTP, true, "Http"},
+                                           TransportCase{RTSP_PROTOCOL_TCP, false, "TcpUnbatched"},
+                                           TransportCase{RTSP_PROTOCOL_HTTP, false,
+                                                         "HttpUnbatched"}),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 struct VideoCase {
     const char* kind;

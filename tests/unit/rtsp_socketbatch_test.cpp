@@ -1,13 +1,15 @@
 // Batched reads under live555: small reads served from one large read, buffered bytes ready
-// without the kernel, and everything else (other threads, flags, closed sockets) left to the
-// system.
+// without the kernel, and everything else (other threads, flags, closed sockets, TLS) left to
+// the system; and the conditions under which the layer sits under live555 at all.
 #include "rtsp/socketbatch.h"
 
 #include <BasicUsageEnvironment.hh>
 #include <GroupsockHelper.hh>
 
+#include <dlfcn.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -17,18 +19,21 @@
 #include <string>
 #include <thread>
 
+#include "rtsp/importslot.h"
+#include "rtsp/live555copy.h"
+#include "rtsp/socketimports.h"
+
 namespace {
 
 // Non-blocking, as live555 makes every socket it reads.
 class SocketBatch : public ::testing::Test {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(socketbatch::Install()) << "live555's import slots were not found";
+        ASSERT_TRUE(socketbatch::Install(true)) << "batching is off: see the log";
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, m_fds), 0);
     }
     void TearDown() override {
-        socketbatch::Release(m_fds[0]);
-        close(m_fds[0]);
+        socketbatch::Close(m_fds[0]);  // as live555 closes: forgets the number's TLS mark too
         close(m_fds[1]);
     }
     void Send(const std::string& bytes) {
@@ -100,7 +105,7 @@ TEST_F(SocketBatch, OtherThreadsFlagsAndSocketsGoToTheSystem) {
     Send("A");
     char peek = 0;
     EXPECT_EQ(socketbatch::RecvFrom(m_fds[0], &peek, 1, MSG_PEEK, nullptr, nullptr), 1);
-    EXPECT_EQ(peek, 'A');
+    EXPECT_EQ(peek, '1') << "a peek sees the next byte in order, buffered or not";
     EXPECT_EQ(Read(20), "123456789");
     EXPECT_EQ(Read(20), "A");
     // An unbatched socket is read as it is.
@@ -148,6 +153,93 @@ TEST_F(SocketBatch, Live555ReadsGoThroughTheBatch) {
     EXPECT_EQ(Queued(), 0) << "live555's read did not go through the batch";
     env->reclaim();
     delete scheduler;
+}
+
+TEST_F(SocketBatch, SocketsHandedToTlsAreNeverBuffered) {
+    socketbatch::Batch(m_fds[0]);
+    Send("ab");
+    EXPECT_EQ(Read(1), "a");
+    EXPECT_EQ(socketbatch::NewTlsSocket(m_fds[0], 0), nullptr) << "a byte was read ahead of TLS";
+    EXPECT_EQ(Read(1), "b");
+    socketbatch::Release(m_fds[0]);
+    bio_st* bio = socketbatch::NewTlsSocket(m_fds[0], 0);
+    ASSERT_NE(bio, nullptr);
+    reinterpret_cast<int (*)(bio_st*)>(dlsym(RTLD_DEFAULT, "BIO_free"))(bio);
+    socketbatch::Batch(m_fds[0]);
+    Send("cd");
+    EXPECT_EQ(Read(1), "c");
+    EXPECT_EQ(Queued(), 1) << "a socket handed to TLS was buffered";
+}
+
+TEST(ImportSlot, RedirectPutsThePageProtectionBack) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* area = mmap(nullptr, page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(area, MAP_FAILED);
+    auto** slot = static_cast<void**>(area);
+    ASSERT_EQ(mprotect(area, page, PROT_READ), 0);
+    int target = 0;
+    ASSERT_TRUE(importslot::Redirect(slot, &target));
+    EXPECT_EQ(*slot, &target);
+    // The kernel refuses to write into a read-only page (EFAULT) where the program would crash.
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    ASSERT_EQ(write(pipeFds[1], "12345678", 8), 8);
+    EXPECT_EQ(read(pipeFds[0], slot, 8), -1) << "the slot's page was left writable";
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+    munmap(area, page);
+}
+
+// live555 as this process loaded it: the private copy, importing exactly what the build
+// recorded, through nothing the buffer cannot sit under.
+TEST(Live555Imports, TheLoadedLibrariesImportWhatTheBuildRecorded) {
+    std::vector<live555copy::Library> libraries;
+    std::string why;
+    ASSERT_TRUE(live555copy::FindPrivateCopy(libraries, why)) << why;
+    EXPECT_EQ(libraries.size(), 4u);
+    for (const live555copy::Library& library : libraries) {
+        const auto imports = importslot::Imports(library.object);
+        std::vector<std::string> names;
+        for (const auto& entry : imports)
+            names.push_back(entry.first);
+        EXPECT_EQ(names, library.recorded) << library.soname;
+        std::vector<socketimports::Rewrite> rewrites;
+        EXPECT_TRUE(socketimports::Plan(library.soname, imports, library.recorded, rewrites, why))
+            << why;
+    }
+}
+
+TEST(Live555Imports, PlanRefusesWhatTheBufferCannotSitUnder) {
+    const std::vector<std::string> recorded = {"BIO_new_socket", "SSL_read", "close", "memcpy",
+                                               "recvfrom",       "recvmsg",  "select"};
+    void* slot = nullptr;
+    const struct {
+        const char* soname;
+        std::vector<std::string> imports;
+        std::string addressTaken;
+        size_t rewrites;
+        std::string why;  // empty: batching may sit under it
+    } cases[] = {
+        {"libgroupsock.so.33", {"close", "memcpy", "recvfrom"}, "", 2, ""},
+        {"libgroupsock.so.33", {"recvfrom", "recv"}, "", 0, "imports recv, which this build did"},
+        {"libgroupsock.so.33", {"recvfrom", "recvmsg"}, "", 0, "reaches sockets through recvmsg"},
+        {"libgroupsock.so.33", {"recvfrom", "select"}, "", 0, "reaches sockets through select"},
+        {"libBasicUsageEnvironment.so.2", {"select"}, "", 0, ""},
+        {"libliveMedia.so.122", {"close", "recvfrom"}, "close", 0, "takes the address of close"},
+        {"libliveMedia.so.122", {"SSL_read", "recvfrom"}, "", 0, "hands it no socket"},
+        {"libliveMedia.so.122", {"BIO_new_socket", "SSL_read", "recvfrom"}, "", 2, ""},
+    };
+    for (const auto& c : cases) {
+        std::map<std::string, importslot::Import> imports;
+        for (const std::string& name : c.imports)
+            imports[name] = {{&slot}, name == c.addressTaken};
+        std::vector<socketimports::Rewrite> rewrites;
+        std::string why;
+        EXPECT_EQ(socketimports::Plan(c.soname, imports, recorded, rewrites, why), c.why.empty())
+            << c.soname << ": " << why;
+        EXPECT_NE(why.find(c.why), std::string::npos) << why;
+        EXPECT_EQ(rewrites.size(), c.rewrites) << c.soname << ": " << why;
+    }
 }
 
 }  // namespace

@@ -61,10 +61,11 @@ TEST(ToolUrl, RedactionNeverShowsThePassword) {
 
 TEST(ToolArgs, FetchOptionsMapToFetchParameters) {
     Options o;
-    ASSERT_TRUE(Parse({"fetch", "rtsp://u:pw@cam/live", "--transport", "tcp", "--keepalive",
-                       "get_parameter", "--no-audio", "--meta", "--frames", "25", "-o", "out",
-                       "--start", "2024-05-01T12:00:00.250Z", "--timeout", "7"},
-                      o));
+    ASSERT_TRUE(
+        Parse({"fetch", "rtsp://u:pw@cam/live", "--transport", "tcp", "--keepalive",
+               "get_parameter", "--no-audio", "--meta", "--frames", "25", "-o", "out", "--start",
+               "2024-05-01T12:00:00.250Z", "--timeout", "7", "--no-socket-batch"},
+              o));
     EXPECT_EQ(o.command, Command::kFetch);
     EXPECT_EQ(o.kind, Kind::kRtsp);
     FETCH_PARAM p = MakeFetchParam(o);
@@ -74,6 +75,7 @@ TEST(ToolArgs, FetchOptionsMapToFetchParameters) {
     EXPECT_TRUE(p.bMetaOnly);
     EXPECT_EQ(p.iPort, 554);
     EXPECT_EQ(p.iTimeout, 7);
+    EXPECT_EQ(p.uFlags, FETCH_FLAG_NO_SOCKET_BATCH);
     EXPECT_EQ(p.strUser, "u");
     EXPECT_EQ(p.strPassword, "pw");
     EXPECT_EQ(p.llAbsStartTime, 1714564800250000LL);
@@ -98,6 +100,8 @@ TEST(ToolArgs, KindDefaultsAndModes) {
     EXPECT_EQ(MakeFetchParam(o).strPath, "back");
     ASSERT_TRUE(Parse({"demo"}, o));
     EXPECT_EQ(o.command, Command::kDemo);
+    ASSERT_TRUE(Parse({"--version"}, o));
+    EXPECT_EQ(o.command, Command::kVersion);
 }
 
 TEST(ToolArgs, BadArgumentsAreRefusedWithAReason) {
@@ -113,6 +117,7 @@ TEST(ToolArgs, BadArgumentsAreRefusedWithAReason) {
         {"fetch", "rtsp://x/", "--start", "yesterday"},
         {"fetch", "rtsp://x/", "--bogus"},
         {"fetch", "rtsp://x/", "rtsp://y/"},
+        {"--version", "rtsp://x/"},
     };
     for (const auto& args : bad) {
         Options o;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/version.h"
 #include "democamera.h"
 #include "fetchrun.h"
 #include "host/hostlog.h"
@@ -97,6 +98,11 @@ int main(int argc, char** argv) {
         printf("%s", kUsage);
         return 0;
     }
+    if (options.command == Command::kVersion) {
+        printf("camfetch %s (host API %d)\nlive555 %s\n", CamfetchVersion(),
+               CamfetchHostApiVersion(), CamfetchLive555Version().c_str());
+        return 0;
+    }
     struct sigaction sa;
     memset(&sa, 0, sizeof(sa));
     sa.sa_handler = OnSignal;
@@ -113,6 +119,7 @@ int main(int argc, char** argv) {
         case Command::kDemo:
             return Demo(options, argv[0]);
         case Command::kHelp:
+        case Command::kVersion:
             break;
     }
     return 0;

@@ -14,6 +14,7 @@ const char kUsage[] =
     "  camfetch probe URL [options]     print one JSON object: connect code, formats, "
     "bandwidth\n"
     "  camfetch demo                    run the embedded sample camera and fetch it\n"
+    "  camfetch --version               the library's version and the live555 it runs on\n"
     "\n"
     "URL: rtsp://[user[:password]@]host[:port][/path]   RTSP\n"
     "     http://[user[:password]@]host[:port][/path]   HTTP multipart (--kind mp4: "
@@ -26,7 +27,8 @@ const char kUsage[] =
     "  --transport udp|tcp|http|auto   --http-port P   --keepalive none|options|get_parameter\n"
     "  --timeout SEC   --no-audio   --meta   --start ISO8601   --end ISO8601\n"
     "  --user-agent TEXT   -v (more log) / --log-level N   --json\n"
-    "  --reconnect        reconnect a dropped session until --duration / --frames\n";
+    "  --reconnect        reconnect a dropped session until --duration / --frames\n"
+    "  --no-socket-batch  (live555 reads the RTSP connection unbuffered)\n";
 
 namespace {
 
@@ -209,6 +211,8 @@ FETCH_PARAM MakeFetchParam(const Options& o) {
         p.iStreamMode = o.kind == Kind::kMultipart ? 1 : o.kind == Kind::kMp4 ? 3 : 0;
     p.bHasAudio = o.audio;
     p.bMetaOnly = o.meta;
+    if (!o.socketBatch)
+        p.uFlags |= FETCH_FLAG_NO_SOCKET_BATCH;
     if (o.kind == Kind::kMobile) {
         p.iMobileOpt = atoi(o.url.host.c_str());
         p.strPath = o.url.path.empty() ? "camfetch" : o.url.path.substr(1);
@@ -221,6 +225,14 @@ bool ParseArgs(const std::vector<std::string>& args, Options& o, std::string& er
     o = Options();
     if (args.empty() || args[0] == "-h" || args[0] == "--help" || args[0] == "help") {
         o.command = Command::kHelp;
+        return true;
+    }
+    if (args[0] == "--version") {
+        o.command = Command::kVersion;
+        if (args.size() > 1) {
+            error = "unexpected argument: " + args[1];
+            return false;
+        }
         return true;
     }
     if (args[0] == "fetch") {
@@ -337,6 +349,8 @@ bool ParseArgs(const std::vector<std::string>& args, Options& o, std::string& er
             o.audio = false;
         } else if (a == "--meta") {
             o.meta = true;
+        } else if (a == "--no-socket-batch") {
+            o.socketBatch = false;
         } else if (a == "--start" || a == "--end") {
             if (!value(v))
                 return false;

@@ -8,7 +8,7 @@
 
 namespace camfetch_tool {
 
-enum class Command { kFetch, kProbe, kDemo, kHelp };
+enum class Command { kFetch, kProbe, kDemo, kHelp, kVersion };
 enum class Kind { kRtsp, kMultipart, kMp4, kMobile };
 
 struct Url {
@@ -34,7 +34,8 @@ struct Options {
     int timeoutSec = 10;
     bool audio = true;
     bool meta = false;
-    long long startUs = 0;  // playback start/end, us since 1970 UTC
+    bool socketBatch = true;  // false: FETCH_FLAG_NO_SOCKET_BATCH
+    long long startUs = 0;    // playback start/end, us since 1970 UTC
     long long endUs = 0;
     std::string userAgent = "camfetch";
     int logLevel = 3;
